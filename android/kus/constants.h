@@ -1,0 +1,119 @@
+// Copyright (C) 2026 The kusd authors
+// SPDX-License-Identifier: Apache-2.0
+
+/**
+ * What every part of the daemon shares: paths, name tables, and the state of the rules.
+ *
+ * The tables never change and may be read from any thread. The rule and status variables are
+ * rewritten by Util::createMapFromConfig() alone, on the thread that calls it, and have no lock.
+ */
+
+#pragma once
+
+#include <stdint.h>
+
+#include <map>
+#include <memory>
+#include <string>
+#include <vector>
+
+#include <android/kus/DeviceInfo.h>
+
+namespace android::kus {
+
+/** The directory is made by the platform's init configuration, never by the daemon. */
+inline constexpr char configDirPath[] = "/data/system/usbdeviceconfig";
+/** The administrator's rules. */
+inline constexpr char configFilePath[] = "/data/system/usbdeviceconfig/usb_device_config.xml";
+/** The last rules that parsed, each line ended by a line feed. */
+inline constexpr char backupFilePath[] =
+        "/data/system/usbdeviceconfig/usb_device_config_backup.xml";
+/** One line without a line end: "SUCCESS", or why the rules were not taken. */
+inline const char* const statusFilePath = "/data/system/usbdeviceconfig/status.txt";
+
+/** One row of usbClassTable. */
+struct ClassName {
+    const char* name;
+    int32_t code;
+};
+
+/** The first code of the input-source half of usbClassTable; USB class codes lie below it. */
+inline constexpr int32_t kFirstInputSource = 0x100;
+
+/**
+ * The names that a configuration file may use: the base class codes of the USB-IF, then the
+ * device bits of the platform's input sources (AINPUT_SOURCE_* of android/input.h without their
+ * class bits).
+ */
+inline constexpr ClassName usbClassTable[] = {
+        {"USB_CLASS_PER_INTERFACE", 0},
+        {"USB_CLASS_AUDIO", 1},
+        {"USB_CLASS_COMM", 2},
+        {"USB_CLASS_HID", 3},
+        // Without its final L: configuration files in the field use exactly this text.
+        {"USB_CLASS_PHYSICA", 5},
+        {"USB_CLASS_STILL_IMAGE", 6},
+        {"USB_CLASS_PRINTER", 7},
+        {"USB_CLASS_MASS_STORAGE", 8},
+        {"USB_CLASS_HUB", 9},
+        {"USB_CLASS_CDC_DATA", 0x0A},
+        {"USB_CLASS_CSCID", 0x0B},
+        {"USB_CLASS_CONTENT_SEC", 0x0D},
+        {"USB_CLASS_VIDEO", 0x0E},
+        {"USB_CLASS_WIRELESS_CONTROLLER", 0xE0},
+        {"USB_CLASS_MISC", 0xEF},
+        {"USB_CLASS_APP_SPEC", 0xFE},
+        {"USB_CLASS_VENDOR_SPEC", 0xFF},
+        {"AINPUT_SOURCE_KEYBOARD", 0x100},
+        {"AINPUT_SOURCE_DPAD", 0x200},
+        {"AINPUT_SOURCE_GAMEPAD", 0x400},
+        {"AINPUT_SOURCE_TOUCHSCREEN", 0x1000},
+        {"AINPUT_SOURCE_MOUSE", 0x2000},
+        {"AINPUT_SOURCE_STYLUS", 0x4000},
+        {"AINPUT_SOURCE_TRACKBALL", 0x10000},
+        {"AINPUT_SOURCE_MOUSE_RELATIVE", 0x20000},
+        {"AINPUT_SOURCE_TOUCHPAD", 0x100000},
+        {"AINPUT_SOURCE_TOUCH_NAVIGATION", 0x200000},
+        {"AINPUT_SOURCE_JOYSTICK", 0x1000000},
+        {"AINPUT_SOURCE_ROTARY_ENCODER", 0x400000},
+};
+
+/** The input-source half of usbClassTable, by code. */
+inline const std::map<int32_t, std::string> inputSourceNames = [] {
+    std::map<int32_t, std::string> names;
+    for (const ClassName& row : usbClassTable) {
+        if (row.code >= kFirstInputSource) names.emplace(row.code, row.name);
+    }
+    return names;
+}();
+
+/**
+ * Classes that say nothing of what a device does, or that the input side judges: no rule can
+ * name them, and the class test passes over them.
+ */
+inline const std::vector<int32_t> restrictedClasses = {0, 3, 9, 239, 254, 255};
+
+/** The product id of a vendor rule that names no product. */
+inline constexpr int32_t ANY_PRODUCT_ID = -1;
+
+/** The last "mode" attribute read, valid or not; "default" before the first. */
+inline std::string configMode = "default";
+/** Class and input-source codes in file order, repeats kept. */
+inline std::vector<int32_t> configClassList;
+/** Code to the text that named it first. */
+inline std::map<int32_t, std::string> configClassMap;
+/** Vendor id to product id or ANY_PRODUCT_ID; equal keys in file order, repeats kept. */
+inline std::multimap<int32_t, int32_t> vidPidMap;
+/** The text of the last rule that failed; sticky, a later good parse does not clear it. */
+inline std::string errorMessage = "SUCCESS";
+/** True when the rules in force are those of a whole file. */
+inline bool xml_parse_status = false;
+
+/**
+ * The judged devices by device id. Internal linkage is meant: each source file has a pair of its
+ * own, and only the pair of ku_service.cpp is ever used.
+ */
+static std::map<int32_t, std::unique_ptr<DeviceInfo>> mUsbDeviceInfoList;
+static std::map<int32_t, std::unique_ptr<DeviceInfo>> mInputDeviceInfoList;
+
+}  // namespace android::kus

@@ -1,0 +1,406 @@
+// Copyright (C) 2026 The kusd authors
+// SPDX-License-Identifier: Apache-2.0
+
+// The way of a device through the service:
+//
+//  1. isDeviceAllowed() is asked about it: the automation switch, then (USB only) a rescan of sysfs
+//     and the screening of devices that the input side will ask about, then the rules.
+//  2. A refused USB device is blocked in the kernel (UsbDevice::update_status).
+//  3. addDeviceList() tells every registered client and records the verdict with its reason.
+//  4. updateDeviceList(info, 0) forgets it when it goes, and tells the clients.
+//
+// Threads: Register() runs on the main thread before the pool starts; everything else on binder
+// threads. Clients are called on the thread that made the change, one after another.
+//
+// Locks: the registry mutex, which binderDied() alone takes. The lists, the registry's other users
+// and the rules have none: decisions must not overlap each other or a parse.
+
+#include "android/kus/ku_service.h"
+
+#include <string.h>
+
+#include <memory>
+#include <utility>
+
+#include <android-base/logging.h>
+#include <binder/IInterface.h>
+#include <binder/IServiceManager.h>
+#include <cutils/properties.h>
+#include <utils/String16.h>
+
+#include "android/kus/constants.h"
+#include "android/kus/usbdevice.h"
+#include "android/kus/util.h"
+
+namespace android::kus {
+
+using binder::Status;
+
+namespace {
+
+constexpr char kServiceName[] = "kusbservice";
+constexpr char kModeDefault[] = "default";
+constexpr char kModeBlacklist[] = "blacklist";
+constexpr int32_t kUsbDeviceType = 0;
+constexpr int32_t kClassHid = 3;
+
+// Logs the clients' addresses as well; set by Register() on "userdebug" builds.
+bool verboseLogging = false;
+
+// What the rules say of a device, before the mode makes a verdict of it.
+struct Match {
+    bool matched;
+    std::string reason;
+};
+
+struct Verdict {
+    bool allowed;
+    std::string reason;
+};
+
+bool isUsbDevice(const DeviceInfo& info) {
+    return info.deviceType == kUsbDeviceType;
+}
+
+bool isUserdebugBuild() {
+    char type[PROPERTY_VALUE_MAX];
+    property_get("ro.build.type", type, "userdebug");
+    return strcmp(type, "userdebug") == 0;
+}
+
+bool isPolicySwitchedOff() {
+    return property_get_int32("ro.config.device.kus_automation", 0) == 1;
+}
+
+// A USB device of HID interfaces alone, or without any, goes on only as a vendor HID. All others of
+// its kind become input devices, and the input side asks again about those.
+bool passesHidScreening(const DeviceInfo& info) {
+    for (const int32_t interfaceClass : info.interfaceClasses) {
+        if (interfaceClass == kClassHid) continue;
+        LOG(INFO) << "class is " << interfaceClass << "not HID";
+        UsbDevice::create_usb_device_map();
+        return true;
+    }
+    UsbDevice::create_usb_device_map();
+    if (UsbDevice::check_vendor_hid(info.deviceId)) return true;
+    LOG(INFO) << "The HID device is controlled by Input Subsystem  ";
+    return false;
+}
+
+// Every interface class that is not restricted must have a rule, and there must be one such class.
+Match matchInterfaceClasses(const std::vector<int32_t>& classes, std::string reason) {
+    bool matched = false;
+    for (const int32_t code : classes) {
+        LOG(INFO) << code << "\n";
+        if (Util::validateRestrictedClass(code)) continue;
+        if (!Util::validateClass(code)) {
+            LOG(INFO) << "interface class check false breaking";
+            return {false, reason};
+        }
+        matched = true;
+        const std::string name = Util::getClassName(code);
+        // A code without a name is one blank, which the text holds already: meant.
+        if (reason.find(name) == std::string::npos) reason += name + " ";
+    }
+    return {matched, reason};
+}
+
+// Every input source that makes up the device must have a rule.
+Match matchSources(const std::vector<int>& sources, std::string reason) {
+    if (sources.empty()) return {false, reason};
+    for (const int code : sources) {
+        const bool hasRule = Util::validateClass(code);
+        LOG(INFO) << "HID multiClass check";
+        if (!hasRule) {
+            LOG(INFO) << "HID multi class check false breaking";
+            return {false, reason};
+        }
+        reason += Util::getClassName(code) + " ";
+    }
+    return {true, reason};
+}
+
+Match matchClass(const DeviceInfo& info) {
+    const std::string reason = "Match by ClassName, CLASS : ";
+    if (!info.interfaceClasses.empty()) return matchInterfaceClasses(info.interfaceClasses, reason);
+    return matchSources(Util::checkMultiClass(info.deviceClass), reason);
+}
+
+Match matchVendor(const DeviceInfo& info) {
+    const std::string vendor = std::to_string(info.vendorId);
+    if (Util::validateVid(info.vendorId)) {
+        return {true, "Match by VID, VID : " + vendor};
+    }
+    if (Util::validateVidPid(info.vendorId, info.productId)) {
+        return {true, "Match by VID_PID combination, VID : " + vendor +
+                              " PID: " + std::to_string(info.productId)};
+    }
+    return {false, ""};
+}
+
+Match matchRules(const DeviceInfo& info) {
+    Match byClass = matchClass(info);
+    return byClass.matched ? byClass : matchVendor(info);
+}
+
+// Any mode but "default" and "blacklist" is a whitelist, a rejected file's word included.
+Verdict judge(const std::string& mode, const DeviceInfo& info) {
+    if (mode == kModeDefault) return {true, "Enabled by default rule"};
+    const Match match = matchRules(info);
+    if (mode == kModeBlacklist) {
+        if (match.matched) return {false, "Blacklisted: " + match.reason};
+        return {true, "No matching rule found to Blacklist the device"};
+    }
+    if (match.matched) return {true, "Whitelisted: " + match.reason};
+    return {false, "No matching rule found to Whitelist the device"};
+}
+
+void logDecision(const std::string& mode, const DeviceInfo& info, const Verdict& verdict) {
+    LOG(INFO) << "isDeviceAllowed called with mode: " << mode
+              << " DeviceInfo:= { DeviceId:" << info.deviceId << ", DeviceName: " << info.deviceName
+              << ", ClassName: " << Util::getClassName(info.deviceClass) << "[ "
+              << static_cast<uint32_t>(info.deviceClass)
+              << " ], InterfaceClassCount: " << info.interfaceClasses.size()
+              << ", VendorId: " << info.vendorId << ", ProductId: " << info.productId
+              << ", Status: " << verdict.allowed << ", Reason: " << verdict.reason << " }";
+}
+
+DeviceInfo makeRecord(const DeviceInfo& info, bool allowed, const std::string& reason) {
+    DeviceInfo record;
+    record.deviceName = info.deviceName;
+    record.deviceId = info.deviceId;
+    record.deviceClass = info.deviceClass;
+    record.interfaceClasses = info.interfaceClasses;
+    record.vendorId = info.vendorId;
+    record.productId = info.productId;
+    record.deviceType = info.deviceType;
+    record.status = allowed ? 1 : 0;
+    record.reason = reason;
+    return record;
+}
+
+// The sum counts every interface; a path is taken once, and not when it is part of one taken.
+void categorise(DeviceInfo* record, const std::vector<DeviceIdEntry>& interfaces) {
+    for (const DeviceIdEntry& interface : interfaces) {
+        record->category += interface.category;
+        const std::string path = interface.category_path;
+        if (path.empty() || record->categoryPath.find(path) != std::string::npos) continue;
+        record->categoryPath += path + ";";
+    }
+    LOG(INFO) << " device category  " << record->category << " categoryPath "
+              << record->categoryPath;
+}
+
+}  // namespace
+
+void KUsbService::Register() {
+    LOG(INFO) << " parsing register createmap called";
+    if (isUserdebugBuild()) verboseLogging = true;
+
+    Util::createMapFromConfig(configFilePath);
+    if (xml_parse_status) {
+        LOG(INFO) << " updating error fle with success";
+        Util::updateErrorFile(statusFilePath, "SUCCESS");
+        LOG(INFO) << "copying backup ";
+        Util::copyFileContent(configFilePath, backupFilePath);
+    } else {
+        LOG(INFO) << " parsing failed";
+    }
+
+    const sp<KUsbService> service = new KUsbService();
+    LOG(INFO) << "Register called in ku_service";
+    const status_t added = defaultServiceManager()->addService(
+            String16(kServiceName), service, /*allowIsolated=*/false,
+            IServiceManager::DUMP_FLAG_PRIORITY_DEFAULT);
+    if (added != OK) LOG(FATAL) << "Could not register KUS" << added;
+    LOG(INFO) << "kus service Registered successfully";
+    registerFileObserverViaThread();
+}
+
+Status KUsbService::registerKusCallback(const sp<IKUsbServiceCallback>& callback) {
+    LOG(INFO) << "registerKusCallback called" << callback.get();
+    const sp<IBinder> binder = IInterface::asBinder(callback);
+    LOG(INFO) << "registerKusCallback binder " << binder.get();
+    const sp<CallbackDeathRecipient> recipient = new CallbackDeathRecipient(callback, this);
+    if (binder->linkToDeath(recipient) != OK) {
+        LOG(ERROR) << "Failed to link death recipient to binder";
+        return Status::ok();
+    }
+    callbacks_.emplace(binder.get(), recipient);
+    LOG(ERROR) << "Size of callbacks at registerKusCallback " << callbacks_.size();
+    logCallbacks("registerKusCallback--: iterating map ");
+    return Status::ok();
+}
+
+Status KUsbService::unregisterKusCallback(const sp<IKUsbServiceCallback>& callback) {
+    LOG(INFO) << "unregisterKusCallback called" << callback.get();
+    const sp<IBinder> binder = IInterface::asBinder(callback);
+    LOG(INFO) << "unregisterKusCallback binder" << binder.get();
+    const auto entry = findCallback(binder.get());
+    if (entry == callbacks_.end()) {
+        LOG(INFO) << "Given callback not registered with this list";
+        return Status::ok();
+    }
+    UnregisterInternal(entry);
+    LOG(INFO) << "Size of callbacks at unregisterKusCallback" << callbacks_.size();
+    // After the erase, whatever the text says.
+    logCallbacks("unregisterKusCallback--: before erase iterating map ");
+    return Status::ok();
+}
+
+bool KUsbService::UnregisterInternal(CallbackMap::iterator entry) {
+    const sp<CallbackDeathRecipient> recipient = entry->second;
+    callbacks_.erase(entry);
+    const sp<IBinder> binder = IInterface::asBinder(recipient->callback());
+    if (binder->unlinkToDeath(recipient, nullptr, 0, nullptr) != OK) {
+        LOG(ERROR) << "Failed to unlink death recipient from binder";
+        return false;
+    }
+    LOG(INFO) << "Callback successfully removed from list";
+    return true;
+}
+
+KUsbService::CallbackDeathRecipient::CallbackDeathRecipient(
+        const sp<IKUsbServiceCallback>& callback, KUsbService* owner)
+    : callback_(callback), owner_(owner) {
+    CHECK(callback_.get());
+    CHECK(owner_);
+}
+
+void KUsbService::CallbackDeathRecipient::binderDied(const wp<IBinder>& who) {
+    LOG(INFO) << "Received binderDied";
+    const sp<IBinder> binder = IInterface::asBinder(callback_);
+    CHECK(who.unsafe_get() == binder.get());
+
+    const std::lock_guard<std::mutex> lock(owner_->mutex_);
+    const auto iter = owner_->findCallback(binder.get());
+    CHECK(iter != owner_->callbacks_.end());
+    // A dead binder needs no unlink.
+    owner_->callbacks_.erase(iter);
+    LOG(INFO) << "Size of callbacks at unregisterKusCallback binderDied "
+              << owner_->callbacks_.size();
+    LOG(INFO) << "Callback from dead process unregistered";
+}
+
+KUsbService::CallbackMap::iterator KUsbService::findCallback(IBinder* binder) {
+    const auto first = callbacks_.lower_bound(binder);
+    return first != callbacks_.end() && first->first == binder ? first : callbacks_.end();
+}
+
+void KUsbService::logCallbacks(const char* text) const {
+    if (!verboseLogging) return;
+    for (const auto& [binder, recipient] : callbacks_) {
+        LOG(INFO) << text << "key:" << binder << " value:" << recipient.get();
+    }
+}
+
+// A snapshot in registry order: a client may register or unregister while it is being called.
+std::vector<sp<IKUsbServiceCallback>> KUsbService::callbacks() const {
+    std::vector<sp<IKUsbServiceCallback>> all;
+    all.reserve(callbacks_.size());
+    for (const auto& [binder, recipient] : callbacks_) all.push_back(recipient->callback());
+    return all;
+}
+
+Status KUsbService::getDeviceList(std::vector<DeviceInfo>* out) {
+    LOG(INFO) << "--getDeviceList()--";
+    std::vector<DeviceInfo> completeDeviceInfoList;
+    completeDeviceInfoList.reserve(mInputDeviceInfoList.size() + mUsbDeviceInfoList.size());
+    for (const auto& [id, record] : mInputDeviceInfoList) completeDeviceInfoList.push_back(*record);
+    for (const auto& [id, record] : mUsbDeviceInfoList) completeDeviceInfoList.push_back(*record);
+    LOG(INFO) << "getDeviceList--completeDeviceInfoList size" << completeDeviceInfoList.size();
+    out->insert(out->end(), completeDeviceInfoList.begin(), completeDeviceInfoList.end());
+    return Status::ok();
+}
+
+// NOLINTNEXTLINE(performance-unnecessary-value-param): by value is part of its interface.
+void KUsbService::addDeviceList(DeviceInfo info, bool allowed, std::string reason) {
+    auto record = std::make_unique<DeviceInfo>(makeRecord(info, allowed, reason));
+    if (!isUsbDevice(info)) {
+        LOG(INFO) << info.deviceName << " device added to mInputDeviceInfoList";
+        mInputDeviceInfoList.emplace(info.deviceId, std::move(record));
+        return;
+    }
+
+    const std::vector<DeviceIdEntry> interfaces = UsbDevice::get_deviceid_data(info.deviceId);
+    LOG(INFO) << info.deviceName << " device added to mUsbDeviceInfoList ";
+    LOG(INFO) << "custom_struct size is " << interfaces.size();
+    categorise(record.get(), interfaces);
+
+    for (const sp<IKUsbServiceCallback>& callback : callbacks()) {
+        if (verboseLogging) {
+            LOG(INFO) << "addDeviceList: sending callback to client of onDeviceAdded  "
+                      << callback.get();
+        }
+        callback->onDeviceAdded(*record);
+    }
+    // An id that is listed already keeps its first record, though the clients have heard: meant.
+    mUsbDeviceInfoList.emplace(info.deviceId, std::move(record));
+}
+
+Status KUsbService::updateDeviceList(const DeviceInfo& info, int32_t status) {
+    if (isPolicySwitchedOff()) {
+        LOG(INFO) << "updateDeviceList::Automation flag set, return";
+        return Status::ok();
+    }
+    LOG(INFO) << "updateDeviceList--Device Name : " << info.deviceName
+              << "updateStatus::Added/Removed " << status;
+    const char* list = isUsbDevice(info) ? "mUsbDeviceInfoList" : "mInputDeviceInfoList";
+    if (status != 0) {
+        // Devices enter the lists through a decision only.
+        LOG(INFO) << info.deviceName << " device added to " << list;
+    } else if (isUsbDevice(info)) {
+        LOG(INFO) << "updateDeviceList--calling get_deviceid_data while removing";
+        for (const sp<IKUsbServiceCallback>& callback : callbacks()) {
+            if (verboseLogging) {
+                LOG(INFO) << "updateDeviceList--: sending callback to client onDeviceRemoved "
+                          << callback.get();
+            }
+            callback->onDeviceRemoved(info);
+        }
+        UsbDevice::update_deviceid_map(info.deviceId, false);
+        LOG(INFO) << info.deviceName << " device removed from " << list;
+        mUsbDeviceInfoList.erase(info.deviceId);
+    } else {
+        LOG(INFO) << info.deviceName << " device removed from " << list;
+        mInputDeviceInfoList.erase(info.deviceId);
+    }
+    LOG(INFO) << "updateDeviceList--mInputDeviceInfoList size: " << mInputDeviceInfoList.size()
+              << " mUsbDeviceInfoList size: " << mUsbDeviceInfoList.size();
+    return Status::ok();
+}
+
+Status KUsbService::isDeviceAllowed(const DeviceInfo& info, bool* result) {
+    if (isPolicySwitchedOff()) {
+        LOG(INFO) << "isDeviceAllowed::Automation flag set, return";
+        *result = true;
+        return Status::ok();
+    }
+    const std::string mode = Util::getMode();
+    if (isUsbDevice(info) && !passesHidScreening(info)) {
+        *result = false;
+        return Status::ok();
+    }
+
+    const Verdict verdict = judge(mode, info);
+    LOG(INFO) << "isDeviceAllowed res val:" << verdict.allowed;
+    if (!verdict.allowed && mode != kModeDefault && isUsbDevice(info)) {
+        LOG(INFO) << "isDeviceAllowed called and updating status authorized to 0";
+        UsbDevice::update_status(info.deviceId, 0);
+    }
+    addDeviceList(info, verdict.allowed, verdict.reason);
+    logDecision(mode, info, verdict);
+    *result = verdict.allowed;
+    return Status::ok();
+}
+
+Status KUsbService::resetUsbDevices(int32_t /*value*/) {
+    // Resetting controllers is not built yet; nothing happens and nothing claims that it did.
+    return Status::ok();
+}
+
+void KUsbService::registerFileObserverViaThread() {
+    // Following the file is not built yet: the rules are those of the start.
+}
+
+}  // namespace android::kus

@@ -1,0 +1,103 @@
+// Copyright (C) 2026 The kusd authors
+// SPDX-License-Identifier: Apache-2.0
+
+#pragma once
+
+#include <stdint.h>
+
+#include <map>
+#include <mutex>
+#include <string>
+#include <vector>
+
+#include <android/kus/BnKUsbService.h>
+#include <android/kus/DeviceInfo.h>
+#include <android/kus/IKUsbServiceCallback.h>
+#include <binder/IBinder.h>
+#include <binder/Status.h>
+#include <utils/StrongPointer.h>
+
+namespace android::kus {
+
+/**
+ * The service "kusbservice": judges devices, remembers what it judged, and tells its clients.
+ *
+ * Binder threads call the operations; every one answers ok and carries its result in an
+ * out-parameter. The device lists are process-wide, the registry of callbacks is the object's.
+ */
+class KUsbService : public BnKUsbService {
+  public:
+    /**
+     * Reads the rules, makes the one service object and publishes it; once, before the thread
+     * pool starts.
+     *
+     * Waits for the service manager as long as there is none. Ends the process through a FATAL log
+     * when the service cannot be added. Rules that do not parse stop nothing.
+     */
+    static void Register();
+
+    // --- IKUsbService --------------------------------------------------------------------------
+
+    /** Ok also when the client is dead already, and then nothing is kept. */
+    binder::Status registerKusCallback(const sp<IKUsbServiceCallback>& callback) override;
+    /** Takes back one registration; ok also when there is none. */
+    binder::Status unregisterKusCallback(const sp<IKUsbServiceCallback>& callback) override;
+    /** Appends the judged devices to out: input devices, then USB devices, by ascending id. */
+    binder::Status getDeviceList(std::vector<DeviceInfo>* out) override;
+    /** Status 0 drops the device and tells the clients; any other changes nothing. */
+    binder::Status updateDeviceList(const DeviceInfo& info, int32_t status) override;
+    /** The verdict, its enforcement in the kernel, and its record. */
+    binder::Status isDeviceAllowed(const DeviceInfo& info, bool* result) override;
+    binder::Status resetUsbDevices(int32_t value) override;
+
+    // --- Lists ---------------------------------------------------------------------------------
+
+    /**
+     * Records a judged device and tells the clients of a USB device.
+     *
+     * A device id that is listed already keeps its first record; the clients are told of the new.
+     */
+    void addDeviceList(DeviceInfo info, bool allowed, std::string reason);
+
+    // --- Registry ------------------------------------------------------------------------------
+
+    /** Drops one registration when its client's process dies. */
+    class CallbackDeathRecipient : public IBinder::DeathRecipient {
+      public:
+        /** Both must be set. owner is not owned and outlives the recipient. */
+        CallbackDeathRecipient(const sp<IKUsbServiceCallback>& callback, KUsbService* owner);
+        ~CallbackDeathRecipient() override = default;
+
+        /** Called on a binder thread, once, with the binder of callback. */
+        void binderDied(const wp<IBinder>& who) override;
+
+        const sp<IKUsbServiceCallback>& callback() const { return callback_; }
+
+      private:
+        sp<IKUsbServiceCallback> callback_;
+        KUsbService* owner_;
+    };
+
+    /** By the client's binder object; a callback registered twice has two entries. */
+    using CallbackMap = std::multimap<IBinder*, sp<CallbackDeathRecipient>>;
+
+    /** Erases the entry; false when its death notice could not be taken back. */
+    bool UnregisterInternal(CallbackMap::iterator entry);
+
+    // --- Configuration observer ----------------------------------------------------------------
+
+    /** Starts the thread that follows the configuration file. */
+    static void registerFileObserverViaThread();
+
+  private:
+    /** The first entry of the binder, or the end. */
+    CallbackMap::iterator findCallback(IBinder* binder);
+    void logCallbacks(const char* text) const;
+    std::vector<sp<IKUsbServiceCallback>> callbacks() const;
+
+    /** Taken by the death notice alone. */
+    std::mutex mutex_;
+    CallbackMap callbacks_;
+};
+
+}  // namespace android::kus

@@ -1,0 +1,809 @@
+// Copyright (C) 2026 The kusd authors
+// SPDX-License-Identifier: Apache-2.0
+
+// A rescan, step by step:
+//
+//  1. Every name in /sys/bus/usb/devices becomes a bus, a device or an interface record
+//     (inspect_bus_entry). Names tell what hangs where: "usb1" is a root hub, "1-1.4" port 4 of the
+//     hub at port 1 of bus 1, "1-1.4:1.0" interface 0 of its configuration 1.
+//  2. The records are linked into a tree (connect_devices), whatever order they came in.
+//  3. Each interface with a device gets its category, by what its driver made below its directory,
+//     and an entry in the DeviceIdMap.
+//  4. The records are freed. The map stays until the next rescan.
+//
+// Threads and locks: none of its own. Callers keep rescans and uses of the map apart.
+
+#include "android/kus/usbdevice.h"
+
+#include <ctype.h>
+#include <dirent.h>
+#include <errno.h>
+#include <fcntl.h>
+#include <limits.h>
+#include <stdio.h>
+#include <stdlib.h>
+#include <string.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <memory>
+#include <sstream>
+
+#include <android-base/logging.h>
+#include <android-base/unique_fd.h>
+
+#include "android/kus/constants.h"
+
+namespace android::kus {
+
+using android::base::unique_fd;
+
+std::multimap<int32_t, DeviceIdEntry> UsbDevice::DeviceIdMap;
+usbbusnode* UsbDevice::bus_list = nullptr;
+listnode UsbDevice::device_list = {&UsbDevice::device_list, &UsbDevice::device_list};
+listnode UsbDevice::interface_list = {&UsbDevice::interface_list, &UsbDevice::interface_list};
+bool UsbDevice::trace = false;
+
+namespace {
+
+#define KUS_TRACE \
+    if (UsbDevice::trace) LOG(INFO)
+
+constexpr char kUsbDevicesPath[] = "/sys/bus/usb/devices";
+constexpr int kPathSize = 4096;
+constexpr int kCategoryPathSize = 255;
+// The longest text that read_sysfs_file_int() looks at: a 32-bit number with its sign.
+constexpr int kNumberLength = 11;
+constexpr uint32_t kClassMassStorage = 8;
+constexpr uint32_t kClassHub = 9;
+constexpr int kPrintVerbosity = 2;
+constexpr char kTreePrefix[] = "   |__ ";
+
+struct CloseDir {
+    void operator()(DIR* dir) const { closedir(dir); }
+};
+using UniqueDir = std::unique_ptr<DIR, CloseDir>;
+
+UniqueDir openDirectory(const char* path) {
+    return UniqueDir(opendir(path));
+}
+
+bool isDotEntry(const char* name) {
+    return strcmp(name, ".") == 0 || strcmp(name, "..") == 0;
+}
+
+// By the entry's own type: a symbolic link to a directory is none.
+bool isDirectory(const dirent& entry) {
+    return entry.d_type == DT_DIR;
+}
+
+bool isDigit(char c) {
+    return isdigit(static_cast<unsigned char>(c)) != 0;
+}
+
+// size is the room in dst, its terminator included. False when the text had to be cut.
+bool copyText(char* dst, size_t size, const char* text) {
+    return snprintf(dst, size, "%s", text) < static_cast<int>(size);
+}
+
+void copyNameOrWarn(char* dst, const char* name) {
+    if (copyText(dst, kNameSize, name)) return;
+    printf("warning: '%s' truncated to '%s'\n", name, dst);
+}
+
+// Reads a decimal number at text, moves *end behind it. False when there is none.
+bool readNumber(const char* text, char** end, uint32_t* value) {
+    *value = static_cast<uint32_t>(strtoul(text, end, 10));
+    return *end != text;
+}
+
+// Formats the path of a file of entry name into a buffer of kPathSize, cut to fit. Returns the
+// length of the whole path.
+int formatPath(char* path, const char* name, const char* file) {
+    return snprintf(path, kPathSize, "%s/%s/%s", kUsbDevicesPath, name, file);
+}
+
+bool wasFormatted(int length) {
+    return length > 0 && length < kPathSize;
+}
+
+// Puts the base name of the link below entry name into driver. Returns the length of the link's
+// path: it tells whether that path could be formatted (wasFormatted).
+int readDriver(const char* name, const char* link, char* driver) {
+    char path[kPathSize];
+    const int length = formatPath(path, name, link);
+    if (!wasFormatted(length)) return length;
+
+    char target[kPathSize];
+    const ssize_t count = readlink(path, target, sizeof(target));
+    if (count < 0) return length;
+    target[count > kPathSize - 2 ? 0 : count] = '\0';
+    const char* slash = strrchr(target, '/');
+    if (slash != nullptr) copyText(driver, kNameSize, slash + 1);
+    return length;
+}
+
+int32_t deviceIdOf(const usbdevice& device) {
+    return static_cast<int32_t>(device.busnum * 1000 + device.devnum);
+}
+
+// The records are plain blocks, so that zero-filling makes them whole.
+template <typename Node>
+Node* allocateNode() {
+    return static_cast<Node*>(calloc(1, sizeof(Node)));
+}
+
+usbdevice* deviceAt(listnode* node) {
+    return node_to_item(node, usbdevice, list);
+}
+
+usbinterface* interfaceAt(listnode* node) {
+    return node_to_item(node, usbinterface, list);
+}
+
+// Appends at the end of the chain unless it is in it already: two buses of one number, say, must
+// not close a chain to a ring.
+template <typename Node>
+void appendToChain(Node** head, Node* node) {
+    Node** link = head;
+    for (; *link != nullptr; link = &(*link)->next) {
+        if (*link == node) return;
+    }
+    *link = node;
+}
+
+template <typename Node, typename Convert>
+void freeNodes(listnode* list, Convert convert) {
+    while (!list_empty(list)) {
+        listnode* first = list_head(list);
+        list_remove(first);
+        free(convert(first));
+    }
+}
+
+void assign_dev_to_bus(usbdevice* device) {
+    for (usbbusnode* bus = UsbDevice::bus_list; bus != nullptr; bus = bus->next) {
+        if (bus->busnum == device->busnum) appendToChain(&bus->first_child, device);
+    }
+}
+
+void linkDevice(usbdevice* device) {
+    if (device->parent_portnum != 0) {
+        KUS_TRACE << "calling assign_dev_to_parent usbdevice:" << device->name;
+        UsbDevice::assign_dev_to_parent(device);
+        return;
+    }
+    KUS_TRACE << "calling assign_dev_to_bus usbdevice:" << device->name;
+    assign_dev_to_bus(device);
+}
+
+void linkInterfaces(usbdevice* device) {
+    listnode* node;
+    list_for_each(node, &UsbDevice::interface_list) {
+        usbinterface* interface = interfaceAt(node);
+        if (interface->parent != nullptr) continue;
+        KUS_TRACE << "calling assign_interface_to_parent usbdevice:" << device->name
+                  << "and usbinterface:" << interface->name;
+        UsbDevice::assign_interface_to_parent(device, interface);
+    }
+}
+
+DeviceIdEntry makeEntry(const usbinterface& interface, const usbdevice& device) {
+    DeviceIdEntry entry = {};
+    entry.bInterfaceClass = interface.bInterfaceClass;
+    entry.bInterfaceNumber = interface.bInterfaceNumber;
+    entry.bInterfaceProtocol = interface.bInterfaceProtocol;
+    entry.bInterfaceSubClass = interface.bInterfaceSubClass;
+    copyText(entry.interface_name, sizeof(entry.interface_name), interface.name);
+    entry.busnum = device.busnum;
+    entry.devnum = device.devnum;
+    entry.idVendor = device.idVendor;
+    entry.idProduct = device.idProduct;
+    copyText(entry.manufacturer, sizeof(entry.manufacturer), device.manufacturer);
+    copyText(entry.product, sizeof(entry.product), device.product);
+    entry.category = interface.category;
+    copyText(entry.category_path, sizeof(entry.category_path), interface.category_path);
+    return entry;
+}
+
+void addToMap(usbinterface* interface) {
+    KUS_TRACE << "creating object and populating map  usbinterface:" << interface->name
+              << " and class: " << interface->bInterfaceClass;
+    if (interface->parent == nullptr) return;
+    UsbDevice::populate_category_device(interface);
+
+    const usbdevice& device = *interface->parent;
+    const int32_t id = deviceIdOf(device);
+    KUS_TRACE << "creating object and populating \t parent vendorid : " << device.idVendor
+              << ", productid: " << device.idProduct << ",parent path: " << device.name
+              << ",manufacturer: " << device.manufacturer << ",product: " << device.product
+              << ",deviceId:" << id;
+    KUS_TRACE << "creating object and populating category_path" << interface->category_path
+              << " and category:" << interface->category << " interface path:" << interface->name;
+    UsbDevice::DeviceIdMap.emplace(id, makeEntry(*interface, device));
+}
+
+// The text before the first ':' of an interface name; false when there is no ':'.
+bool devicePartOf(const usbinterface& interface, std::string* part, const char** behindColon) {
+    const char* colon = strchr(interface.name, ':');
+    if (colon == nullptr) return false;
+    part->assign(interface.name, colon);
+    *behindColon = colon + 1;
+    return true;
+}
+
+// Appends to a text in a buffer of kCategoryPathSize; what does not fit is cut.
+void appendToPath(char* path, const char* text) {
+    const size_t length = strlen(path);
+    copyText(path + length, kCategoryPathSize - length, text);
+}
+
+// The first directory below path, or an empty text.
+std::string firstDirectoryIn(DIR* dir) {
+    while (const dirent* entry = readdir(dir)) {
+        if (!isDotEntry(entry->d_name) && isDirectory(*entry)) return entry->d_name;
+    }
+    return "";
+}
+
+bool hasDirectory(DIR* dir, const char* name) {
+    while (const dirent* entry = readdir(dir)) {
+        if (isDirectory(*entry) && strcmp(entry->d_name, name) == 0) return true;
+    }
+    return false;
+}
+
+// "net" or "tty": its first directory names the network interface or the serial port. True when
+// that settles the category.
+bool takeNamedCategory(const dirent& entry, Category category, char* path,
+                       usbinterface* interface) {
+    const bool isNetwork = category == kCategoryNetwork;
+    interface->category = category;
+    if (!isDirectory(entry)) return false;
+
+    appendToPath(path, "/");
+    appendToPath(path, entry.d_name);
+    if (isNetwork) {
+        LOG(INFO) << " new path of dir:" << path;
+    } else {
+        KUS_TRACE << " new path of dir in tty:" << path;
+    }
+    const UniqueDir dir = openDirectory(path);
+    if (!dir) {
+        LOG(INFO) << "Cannot open directory \n" << path;
+        return false;
+    }
+    const std::string name = firstDirectoryIn(dir.get());
+    if (name.empty()) return false;
+    copyText(interface->category_path, sizeof(interface->category_path), name.c_str());
+    KUS_TRACE << "updating the devcategory path for " << (isNetwork ? "network" : "tty")
+              << " and return:" << interface->category_path;
+    return true;
+}
+
+// A HID device's directory ("0003:1234:5678.0001") without "input": nothing but its vendor's
+// software can use it. True when that settles the category.
+bool takeVendorHidCategory(const dirent& entry, char* path, usbinterface* interface) {
+    appendToPath(path, "/");
+    appendToPath(path, entry.d_name);
+    LOG(INFO) << " new path of subdir for HID:" << path;
+    const UniqueDir dir = openDirectory(path);
+    if (!dir) {
+        LOG(INFO) << "Cannot open subdir \n" << path;
+        return false;
+    }
+    if (hasDirectory(dir.get(), "input")) {
+        KUS_TRACE << "input device found";
+        return false;
+    }
+    LOG(INFO) << "vendor HID device found";
+    interface->category = kCategoryVendorHid;
+    return true;
+}
+
+bool takeCategory(const dirent& entry, char* path, usbinterface* interface) {
+    if (strcmp(entry.d_name, "net") == 0) {
+        return takeNamedCategory(entry, kCategoryNetwork, path, interface);
+    }
+    if (strcmp(entry.d_name, "tty") == 0) {
+        return takeNamedCategory(entry, kCategorySerial, path, interface);
+    }
+    if (strchr(entry.d_name, ':') != nullptr && isDirectory(entry)) {
+        return takeVendorHidCategory(entry, path, interface);
+    }
+    return false;
+}
+
+// False when the remaining interfaces of the device are to be left alone.
+bool writeAuthorized(const char* interfaceName, char value) {
+    const std::string path = std::string(kUsbDevicesPath) + "/" + interfaceName + "/authorized";
+    LOG(INFO) << "update_status path is :" << path;
+    // NOLINTNEXTLINE(android-cloexec-open): the daemon executes no other program.
+    const unique_fd fd(open(path.c_str(), O_WRONLY));
+    if (fd == -1) {
+        perror("Unable to open the file");
+        LOG(ERROR) << "Error! Could not open file";
+        return false;
+    }
+    if (write(fd, &value, 1) != 1) {
+        perror("Error writing to sysfs file");
+        // The open's text: meant.
+        LOG(ERROR) << "Error! Could not open file";
+        return false;
+    }
+    return true;
+}
+
+void inspectEntries(DIR* dir) {
+    while (const dirent* entry = readdir(dir)) UsbDevice::inspect_bus_entry(entry->d_name);
+}
+
+void freeAllNodes() {
+    UsbDevice::delete_all_nodes();
+    UsbDevice::empty_list();
+}
+
+}  // namespace
+
+// --- Topology ----------------------------------------------------------------------------------
+
+void UsbDevice::create_usb_device_map() {
+    LOG(INFO) << "create_usb_device_map called";
+    UniqueDir dir = openDirectory(kUsbDevicesPath);
+    if (!dir) perror(kUsbDevicesPath);
+    DeviceIdMap.clear();
+    if (dir) {
+        inspectEntries(dir.get());
+        dir.reset();
+        connect_devices();
+    }
+    freeAllNodes();
+    print_deviceid_map(-1);
+    LOG(INFO) << "create_usb_device_map returned check loop";
+}
+
+void UsbDevice::inspect_bus_entry(const char* name) {
+    if (strncmp(name, "usb", 3) == 0 && isDigit(name[3])) {
+        add_usb_bus(name);
+        return;
+    }
+    if (isDotEntry(name)) return;
+    if (!isDigit(name[0])) {
+        (void)fprintf(stderr, "ignoring '%s'\n", name);
+        return;
+    }
+    if (strchr(name, ':') != nullptr) {
+        add_usb_interface(name);
+    } else {
+        add_usb_device(name);
+    }
+}
+
+void UsbDevice::add_usb_bus(const char* name) {
+    auto* bus = allocateNode<usbbusnode>();
+    if (bus == nullptr) return;
+    bus->busnum = static_cast<uint32_t>(strtoul(name + 3, nullptr, 10));
+    copyNameOrWarn(bus->name, name);
+    bus->devnum = read_sysfs_file_int(name, "devnum", 10);
+    bus->bDeviceClass = read_sysfs_file_int(name, "bDeviceClass", 16);
+    bus->idProduct = read_sysfs_file_int(name, "idProduct", 16);
+    bus->idVendor = read_sysfs_file_int(name, "idVendor", 16);
+    bus->maxchild = read_sysfs_file_int(name, "maxchild", 10);
+    // Read with the limit of the other texts, kept as far as the bus has room.
+    char speed[kTextSize];
+    read_sysfs_file_string(name, "speed", speed, sizeof(speed));
+    copyText(bus->speed, sizeof(bus->speed), speed);
+    bus->rx_lanes = read_sysfs_file_int(name, "rx_lanes", 10);
+    bus->tx_lanes = read_sysfs_file_int(name, "tx_lanes", 10);
+
+    KUS_TRACE << "calling append_busnode " << name;
+    appendToChain(&bus_list, bus);
+    get_roothub_driver(bus, name);
+}
+
+void UsbDevice::get_roothub_driver(usbbusnode* bus, const char* name) {
+    // The parent of a root hub is its controller.
+    const int length = readDriver(name, "../driver", bus->driver);
+    if (!wasFormatted(length)) {
+        LOG(ERROR) << "Cannot read driver link for " << name << ": " << name << length;
+    }
+}
+
+void UsbDevice::add_usb_device(const char* name) {
+    KUS_TRACE << " add_usb_device  enter" << name;
+    char* end = nullptr;
+    uint32_t busnum = 0;
+    if (!readNumber(name, &end, &busnum)) return;
+    auto* device = allocateNode<usbdevice>();
+    if (device == nullptr) return;
+    device->busnum = busnum;
+
+    for (uint32_t port = 0; *end != '\0' && readNumber(end + 1, &end, &port);) {
+        device->parent_portnum = device->portnum;
+        device->portnum = port;
+    }
+
+    // Only for a name that had to be cut: meant.
+    if (!copyText(device->name, sizeof(device->name), name)) {
+        device->bConfigurationValue = read_sysfs_file_int(name, "bConfigurationValue", 10);
+    }
+    device->bDeviceClass = read_sysfs_file_int(name, "bDeviceClass", 16);
+    device->bDeviceProtocol = read_sysfs_file_int(name, "bDeviceProtocol", 16);
+    device->bDeviceSubClass = read_sysfs_file_int(name, "bDeviceSubClass", 16);
+    device->bMaxPacketSize0 = read_sysfs_file_int(name, "bMaxPacketSize0", 16);
+    read_sysfs_file_string(name, "bMaxPower", device->bMaxPower, kTextSize);
+    device->bNumConfigurations = read_sysfs_file_int(name, "bNumConfigurations", 10);
+    device->bNumInterfaces = read_sysfs_file_int(name, "bNumInterfaces", 16);
+    device->bcdDevice = read_sysfs_file_int(name, "bcdDevice", 16);
+    device->bmAttributes = read_sysfs_file_int(name, "bmAttributes", 16);
+    device->configuration = read_sysfs_file_int(name, "configuration", 10);
+    device->devnum = read_sysfs_file_int(name, "devnum", 10);
+    device->idProduct = read_sysfs_file_int(name, "idProduct", 16);
+    device->idVendor = read_sysfs_file_int(name, "idVendor", 16);
+    device->maxchild = read_sysfs_file_int(name, "maxchild", 10);
+    read_sysfs_file_string(name, "manufacturer", device->manufacturer, kTextSize);
+    read_sysfs_file_string(name, "product", device->product, kTextSize);
+    read_sysfs_file_string(name, "serial", device->serial, kTextSize);
+    read_sysfs_file_string(name, "version", device->version, kTextSize);
+    read_sysfs_file_string(name, "speed", device->speed, kTextSize);
+    device->rx_lanes = read_sysfs_file_int(name, "rx_lanes", 10);
+    device->tx_lanes = read_sysfs_file_int(name, "tx_lanes", 10);
+
+    const int length = readDriver(name, "driver", device->driver);
+    if (!wasFormatted(length)) {
+        LOG(ERROR) << "Can not read driver link for " << name << ": " << name << length;
+    }
+    list_add_tail(&device_list, &device->list);
+}
+
+void UsbDevice::add_usb_interface(const char* name) {
+    KUS_TRACE << " add_usb_interface  enter" << name;
+    const char* colon = strchr(name, ':');
+    if (colon == nullptr) return;
+    char* end = nullptr;
+    uint32_t configuration = 0;
+    if (!readNumber(colon + 1, &end, &configuration)) return;
+    uint32_t ifnum = 0;
+    if (*end == '\0' || !readNumber(end + 1, &end, &ifnum)) return;
+    auto* interface = allocateNode<usbinterface>();
+    if (interface == nullptr) return;
+    interface->configuration = configuration;
+    interface->ifnum = ifnum;
+
+    copyNameOrWarn(interface->name, name);
+    interface->bAlternateSetting = read_sysfs_file_int(name, "bAlternateSetting", 10);
+    interface->bInterfaceClass = read_sysfs_file_int(name, "bInterfaceClass", 16);
+    interface->bInterfaceNumber = read_sysfs_file_int(name, "bInterfaceNumber", 16);
+    interface->bInterfaceProtocol = read_sysfs_file_int(name, "bInterfaceProtocol", 16);
+    interface->bInterfaceSubClass = read_sysfs_file_int(name, "bInterfaceSubClass", 16);
+    interface->bNumEndpoints = read_sysfs_file_int(name, "bNumEndpoints", 16);
+
+    const int length = readDriver(name, "driver", interface->driver);
+    if (!wasFormatted(length)) {
+        KUS_TRACE << "Can not read driver link for d_name:" << name << "for: " << length;
+    }
+    list_add_tail(&interface_list, &interface->list);
+}
+
+void UsbDevice::connect_devices() {
+    listnode* node;
+    list_for_each(node, &device_list) {
+        linkDevice(deviceAt(node));
+        linkInterfaces(deviceAt(node));
+    }
+    list_for_each(node, &interface_list) addToMap(interfaceAt(node));
+}
+
+void UsbDevice::assign_dev_to_parent(usbdevice* device) {
+    const char* dot = strrchr(device->name, '.');
+    if (dot == nullptr) return;
+    const std::string hubName(device->name, dot - device->name);
+
+    listnode* node;
+    list_for_each(node, &device_list) {
+        usbdevice* hub = deviceAt(node);
+        if (hub == device || hub->busnum != device->busnum ||
+            hub->portnum != device->parent_portnum || hubName != hub->name) {
+            continue;
+        }
+        device->parent = hub;
+        if (hub->first_child != nullptr) {
+            KUS_TRACE << "calling assign_dev_to_parent usbdevice  append_dev_sibling pd:"
+                      << hub->name;
+        }
+        appendToChain(&hub->first_child, device);
+        return;
+    }
+}
+
+void UsbDevice::assign_interface_to_parent(usbdevice* device, usbinterface* interface) {
+    std::string devicePart;
+    const char* behindColon = nullptr;
+    if (!devicePartOf(*interface, &devicePart, &behindColon)) return;
+    if (devicePart == device->name) {
+        interface->parent = device;
+        appendToChain(&device->first_interface, interface);
+        return;
+    }
+
+    char* end = nullptr;
+    uint32_t busnum = 0;
+    if (!readNumber(devicePart.c_str(), &end, &busnum)) return;
+    // A root hub's own interface is B-0:C.I, and this looks at C: it stays unattached, as meant.
+    if (*behindColon != '0') return;
+    KUS_TRACE << " append_businterface usbdevice:" << device->name
+              << " for the interface:" << interface->name << " and busnum:" << busnum;
+    for (usbbusnode* bus = bus_list; bus != nullptr; bus = bus->next) {
+        if (bus->busnum != busnum) continue;
+        appendToChain(&bus->first_interface, interface);
+        return;
+    }
+}
+
+void UsbDevice::delete_all_nodes() {
+    LOG(INFO) << "deleting the list using deleteAllnode";
+    freeNodes<usbdevice>(&device_list, deviceAt);
+    freeNodes<usbinterface>(&interface_list, interfaceAt);
+}
+
+void UsbDevice::empty_list() {
+    LOG(INFO) << "***Entered empty_list******";
+    while (bus_list != nullptr) {
+        usbbusnode* first = bus_list;
+        bus_list = first->next;
+        free(first);
+    }
+}
+
+void UsbDevice::print_tree(int fd) {
+    LOG(INFO) << "print_tree entered";
+    for (usbbusnode* bus = bus_list; bus != nullptr; bus = bus->next) {
+        if (bus->first_child != nullptr) print_tree_dev_children(bus->first_child, fd);
+    }
+}
+
+// The prefix is the same at every depth: meant.
+void UsbDevice::print_tree_dev_children(usbdevice* device, int fd) {
+    LOG(INFO) << "print_tree_dev_children entered";
+    for (; device != nullptr; device = device->next) {
+        for (usbinterface* interface = device->first_interface; interface != nullptr;
+             interface = interface->next) {
+            dprintf(fd, "%s", kTreePrefix);
+            print_usbdevice(device, interface, fd);
+        }
+        if (device->first_child != nullptr) print_tree_dev_children(device->first_child, fd);
+    }
+}
+
+void UsbDevice::print_usbdevice(usbdevice* device, usbinterface* interface, int fd) {
+    std::ostringstream line;
+    line << "Port : " << device->portnum << ", DevNum : " << device->devnum
+         << ", If : " << interface->ifnum << ", Class : " << interface->bInterfaceClass
+         << ", Driver : " << interface->driver;
+    if (interface->bInterfaceClass == kClassHub) {
+        line << "\n  ";
+        dprintf(fd, " %s\n", line.str().c_str());
+    } else {
+        line << " \n";
+        dprintf(fd, " %s", line.str().c_str());
+    }
+    if (kPrintVerbosity >= 1) {
+        dprintf(fd, "       Vendor:Product ID %04x:%04x ", device->idVendor, device->idProduct);
+        LOG(INFO) << "ID " << device->idVendor << ":" << device->idProduct;
+    }
+    if (kPrintVerbosity >= 2) {
+        dprintf(fd, "\n%s/%s  /dev/bus/usb/%03d/%03d\n", kUsbDevicesPath, device->name,
+                device->busnum, device->devnum);
+        const usbinterface* first = device->first_interface;
+        dprintf(fd, "printing interfaces for device device:%s and first_interface:%s \n",
+                device->name, first == nullptr ? "" : first->name);
+        if (device->parent != nullptr) dprintf(fd, "parent name :%s\n", device->parent->name);
+        dprintf(fd, "parent_portnum:%d\n", device->parent_portnum);
+        dprintf(fd, "************************\n");
+    }
+}
+
+void UsbDevice::print_interfacelist(int fd) {
+    listnode* node;
+    list_for_each(node, &interface_list) {
+        usbinterface* interface = interfaceAt(node);
+        dprintf(fd, "\nprint_interfacelist  usbinterface:%s/%s/ and class:%d", kUsbDevicesPath,
+                interface->name, interface->bInterfaceClass);
+        const usbdevice* device = interface->parent;
+        if (device == nullptr) continue;
+        populate_category_device(interface);
+        std::ostringstream line;
+        line << "\t parent vendorid : " << device->idVendor << ", productid: " << device->idProduct
+             << ",parent path: " << device->name << ",manufacturer: " << device->manufacturer
+             << ",product: " << device->product << ",deviceId:" << deviceIdOf(*device)
+             << " devCategory: " << interface->category;
+        dprintf(fd, "\n%s", line.str().c_str());
+    }
+}
+
+// --- Device-id map -----------------------------------------------------------------------------
+
+void UsbDevice::populate_category_device(usbinterface* interface) {
+    char path[kCategoryPathSize] = {};
+    appendToPath(path, kUsbDevicesPath);
+    appendToPath(path, "/");
+    appendToPath(path, interface->name);
+    KUS_TRACE << "path of dir:" << path;
+    interface->category = kCategoryNone;
+    KUS_TRACE << "Other category default to none";
+    copyText(interface->category_path, sizeof(interface->category_path), "empty");
+    if (interface->bInterfaceClass == kClassMassStorage) {
+        interface->category = kCategoryMassStorage;
+        copyText(interface->category_path, sizeof(interface->category_path), "sdcard");
+        return;
+    }
+
+    const UniqueDir dir = openDirectory(path);
+    if (!dir) {
+        LOG(INFO) << "Cannot open directory \n" << path;
+        return;
+    }
+    // What is appended to path for one entry stays for the next: after a look-up that settles
+    // nothing, the others go below it. Meant.
+    while (const dirent* entry = readdir(dir.get())) {
+        KUS_TRACE << "Entered while with dir is :" << entry->d_name;
+        if (isDotEntry(entry->d_name)) continue;
+        if (takeCategory(*entry, path, interface)) return;
+    }
+}
+
+std::vector<DeviceIdEntry> UsbDevice::get_deviceid_data(int deviceId) {
+    LOG(INFO) << "get_deviceid_data() with deviceId : " << deviceId << "size--"
+              << DeviceIdMap.size();
+    std::vector<DeviceIdEntry> entries;
+    const auto [first, last] = DeviceIdMap.equal_range(deviceId);
+    for (auto entry = first; entry != last; ++entry) {
+        LOG(INFO) << "Found deviceid  : " << deviceId
+                  << "device : " << entry->second.interface_name;
+        entries.push_back(entry->second);
+    }
+    return entries;
+}
+
+bool UsbDevice::check_vendor_hid(int deviceId) {
+    LOG(INFO) << "check_vendor_hid " << deviceId;
+    const auto [first, last] = DeviceIdMap.equal_range(deviceId);
+    return std::any_of(first, last, [=](const auto& item) {
+        const DeviceIdEntry& entry = item.second;
+        LOG(INFO) << "Found deviceId in native list : " << deviceId << "\t interface path"
+                  << entry.interface_name << " device category" << entry.category;
+        return entry.category == kCategoryVendorHid;
+    });
+}
+
+void UsbDevice::update_status(int deviceId, int status) {
+    LOG(INFO) << "update_status path with deviceId " << deviceId << " status:" << status;
+    const auto [first, last] = DeviceIdMap.equal_range(deviceId);
+    for (auto entry = first; entry != last; ++entry) {
+        const char* name = entry->second.interface_name;
+        LOG(INFO) << "Found deviceId in native list : " << deviceId << "\t interface path" << name;
+        if (name[0] == '\0') {
+            LOG(INFO) << "update_status interface_name is NULL";
+            continue;
+        }
+        if (!writeAuthorized(name, status != 0 ? '1' : '0')) return;
+    }
+}
+
+void UsbDevice::update_deviceid_map(int deviceId, bool keep) {
+    LOG(INFO) << "update_deviceid_map deviceId:" << deviceId << " flag:" << keep;
+    if (!keep) DeviceIdMap.erase(deviceId);
+}
+
+void UsbDevice::print_deviceid_map(int fd) {
+    LOG(INFO) << "print_deviceid_map ";
+    if (fd != -1)
+        dprintf(fd, "\n\nDeviceIdMap size%s\n", std::to_string(DeviceIdMap.size()).c_str());
+    for (const auto& [id, entry] : DeviceIdMap) {
+        LOG(INFO) << " DeviceId: " << id << " Interface name:" << entry.interface_name
+                  << " class:" << entry.bInterfaceClass << " Vendor ID:" << entry.idVendor
+                  << " Product ID:" << entry.idProduct;
+        if (fd == -1) continue;
+        std::ostringstream line;
+        line << "\n DeviceId : " << id << ", Interface name : " << entry.interface_name
+             << ", class : " << entry.bInterfaceClass << ", Vendor ID : " << entry.idVendor
+             << ", Product ID : " << entry.idProduct;
+        dprintf(fd, " %s\n", line.str().c_str());
+    }
+}
+
+void UsbDevice::dump_print_test(int fd) {
+    LOG(INFO) << "dump_print_test called " << fd;
+    UniqueDir dir = openDirectory(kUsbDevicesPath);
+    DeviceIdMap.clear();
+    if (dir) {
+        inspectEntries(dir.get());
+        dir.reset();
+        connect_devices();
+        print_tree(fd);
+        print_interfacelist(fd);
+    }
+    freeAllNodes();
+    print_deviceid_map(fd);
+}
+
+// --- Sysfs access ------------------------------------------------------------------------------
+
+int32_t UsbDevice::read_sysfs_val(const char* path, char* buf, unsigned int size) {
+    const unique_fd fd(open(path, O_RDONLY | O_CLOEXEC));
+    if (fd == -1) {
+        LOG(ERROR) << "Unable to open sysfs path for reading" << path;
+        return 0;
+    }
+    const ssize_t count = read(fd, buf, size == 0 ? 0 : size - 1);
+    if (count <= 0) {
+        LOG(ERROR) << "Unable to read from sysfs path" << count;
+        return 0;
+    }
+    buf[count] = '\0';
+    return static_cast<int32_t>(count);
+}
+
+int32_t UsbDevice::write_sysfs_val(const char* path, const char* value, unsigned int count) {
+    const unique_fd fd(open(path, O_WRONLY | O_CLOEXEC));
+    if (fd == -1) {
+        LOG(ERROR) << "Unable to open  sysfs path for writing" << path;
+        return 0;
+    }
+    const ssize_t written = write(fd, value, count);
+    if (written <= 0) {
+        LOG(ERROR) << "Unable to write to sysfs path" << written;
+        return 0;
+    }
+    return static_cast<int32_t>(written);
+}
+
+uint32_t UsbDevice::read_sysfs_file_int(const char* name, const char* attribute, int base) {
+    char path[kPathSize] = {};
+    formatPath(path, name, attribute);
+    unique_fd fd(open(path, O_RDONLY | O_CLOEXEC));
+    if (fd == -1) {
+        perror(path);
+        return 0;
+    }
+    char text[kNumberLength + 1] = {};
+    const ssize_t count = read(fd, text, kNumberLength);
+    // Closing keeps errno.
+    fd.reset();
+    if (count < 0) {
+        perror(path);
+        return 0;
+    }
+    return static_cast<uint32_t>(strtoul(text, nullptr, base));
+}
+
+void UsbDevice::read_sysfs_file_string(const char* name, const char* attribute, char* buf,
+                                       int size) {
+    buf[0] = '\0';
+    char path[kPathSize] = {};
+    const int length = formatPath(path, name, attribute);
+    if (length >= kPathSize) return;
+    const unique_fd fd(open(path, O_RDONLY | O_CLOEXEC));
+    if (fd == -1) return;
+    ssize_t count = read(fd, buf, size);
+    if (count < 1 || count >= size) {
+        buf[0] = '\0';
+        return;
+    }
+    while (count > 0 && buf[count - 1] == '\n') --count;
+    buf[count] = '\0';
+    std::replace(buf, buf + count, '\n', ' ');
+}
+
+// NOLINTNEXTLINE(performance-unnecessary-value-param): by value is part of its interface.
+std::vector<std::string> UsbDevice::split(std::string text, char separator) {
+    std::vector<std::string> items;
+    std::istringstream stream(text);
+    for (std::string item; std::getline(stream, item, separator);) {
+        item.erase(std::remove(item.begin(), item.end(), '\n'), item.end());
+        items.push_back(item);
+    }
+    return items;
+}
+
+}  // namespace android::kus

@@ -1,0 +1,305 @@
+// Copyright (C) 2026 The kusd authors
+// SPDX-License-Identifier: Apache-2.0
+
+#include "android/kus/util.h"
+
+#include <algorithm>
+#include <fstream>
+#include <iterator>
+#include <utility>
+
+#include <android-base/logging.h>
+#include <tinyxml2.h>
+
+#include "android/kus/constants.h"
+
+namespace android::kus {
+
+using tinyxml2::XMLDocument;
+using tinyxml2::XMLElement;
+
+namespace {
+
+constexpr unsigned int kNoSuchClass = 0xFFFFFFFF;
+
+// The input-source bits below these tell the source's class (button, pointer, ...), not the source.
+constexpr int kSourceClassMask = 0xFF;
+
+void reportLoadFailure(const XMLDocument& document) {
+    LOG(ERROR) << "xmlinput --Found error " << document.ErrorID()
+               << " name: " << XMLDocument::ErrorIDToName(document.ErrorID());
+    LOG(ERROR) << "xmlinput -- error string " << document.ErrorStr();
+    Util::updateErrorFile(statusFilePath, document.ErrorStr());
+}
+
+void reportBadRoot(const std::string& name) {
+    errorMessage = "INVALID ROOT ELEMENT : " + name;
+    Util::updateErrorFile(statusFilePath, errorMessage);
+    LOG(ERROR) << "Invalid root element --" << errorMessage;
+}
+
+void reportMissingMode() {
+    errorMessage = "MODE NOT PRESENT";
+    LOG(ERROR) << "error in ATTRIBUTE MODE value= " << errorMessage;
+    Util::updateErrorFile(statusFilePath, errorMessage);
+}
+
+void reportBadMode() {
+    errorMessage = "INVALID MODE";
+    Util::updateErrorFile(statusFilePath, errorMessage);
+    LOG(ERROR) << "Invalid mode is set in xml--" << errorMessage;
+}
+
+// One bad rule fails the whole file. Always false, so that a rule's reader can return it.
+bool fail(const char* logText, const std::string& text) {
+    errorMessage = text;
+    xml_parse_status = false;
+    LOG(ERROR) << logText << errorMessage;
+    Util::updateErrorFile(statusFilePath, errorMessage);
+    return false;
+}
+
+bool readClass(const XMLElement& element) {
+    const char* text = element.GetText();
+    if (text == nullptr) return fail("error in class val= ", "EMPTY CLASS VALUE");
+    const std::string name = text;
+    LOG(INFO) << "class--" << name;
+
+    const unsigned int code = Util::convert(name);
+    if (code == kNoSuchClass || Util::validateRestrictedClass(code)) {
+        return fail("error in class val= ", "INVALID CLASS VALUE:" + name);
+    }
+    configClassMap.emplace(static_cast<int32_t>(code), name);
+    configClassList.push_back(static_cast<int32_t>(code));
+    LOG(INFO) << "class val--" << code;
+    return true;
+}
+
+bool readProduct(const std::string& vendorId, const XMLElement& element) {
+    const char* text = element.GetText();
+    if (text == nullptr) return fail("error in pid val= ", "EMPTY PRODUCT ID VALUE");
+    const std::string productId = text;
+    LOG(INFO) << "pid--" << productId;
+    if (!Util::isValidNumber(productId)) {
+        return fail("error in pid val= ", "INVALID PRODUCT ID VALUE:" + productId);
+    }
+    LOG(INFO) << "pid value print in while--" << productId;
+    // A number beyond 32 bits throws, nobody catches, and the crash handler restores the last good
+    // file: meant, here and for the vendor without products.
+    vidPidMap.emplace(std::stoi(vendorId), std::stoi(productId));
+    return true;
+}
+
+bool readVendor(const XMLElement& element) {
+    const char* attribute = element.Attribute("vendorid");
+    if (attribute == nullptr) {
+        return fail("error in ATTRIBUTE value= ", "vendorid TAG NOT PRESENT");
+    }
+    const std::string vendorId = attribute;
+    LOG(INFO) << "vendorid--" << vendorId;
+    if (!Util::isValidNumber(vendorId)) {
+        return fail("error in vid val= ", vendorId.empty() ? "EMPTY VENDOR ID VALUE"
+                                                           : "INVALID VENDOR ID VALUE:" + vendorId);
+    }
+
+    const XMLElement* product = element.FirstChildElement("pid");
+    if (product == nullptr) {
+        LOG(INFO) << "pid value print in else--";
+        vidPidMap.emplace(std::stoi(vendorId), ANY_PRODUCT_ID);
+        return true;
+    }
+    // From the first "pid" on, a sibling of any name is a product id: meant.
+    for (; product != nullptr; product = product->NextSiblingElement()) {
+        if (!readProduct(vendorId, *product)) return false;
+    }
+    return true;
+}
+
+bool readRule(const XMLElement& element) {
+    const std::string name = element.Value();
+    if (name == "class") return readClass(element);
+    if (name == "vid") return readVendor(element);
+    return fail("error in class value= ", "INVALID TAG:" + name);
+}
+
+void readRules(const XMLElement& root) {
+    const XMLElement* rule = root.FirstChildElement();
+    if (rule == nullptr) {
+        LOG(INFO) << "no element, blocking all device";
+        xml_parse_status = true;
+        // Whatever the previous parse left there: meant, the callers overwrite it.
+        Util::updateErrorFile(statusFilePath, errorMessage);
+        return;
+    }
+    LOG(INFO) << " before while first child element name " << rule->Value();
+    for (; rule != nullptr; rule = rule->NextSiblingElement()) {
+        if (!readRule(*rule)) return;
+    }
+    xml_parse_status = true;
+}
+
+bool occursIn(const std::vector<int32_t>& codes, unsigned int code) {
+    return std::count(codes.begin(), codes.end(), static_cast<int32_t>(code)) > 0;
+}
+
+// Writes each line that can be read; false when there was nowhere to write one.
+bool copyLines(std::ifstream& in, std::ofstream& out) {
+    bool copied = true;
+    for (std::string line; std::getline(in, line);) {
+        if (!out.is_open()) {
+            LOG(ERROR) << "ODM error in dest file open";
+            copied = false;
+            continue;
+        }
+        LOG(INFO) << line;
+        out << line << '\n';
+    }
+    return copied;
+}
+
+}  // namespace
+
+void Util::createMapFromConfig(const std::string& path) {
+    XMLDocument document(/*processEntities=*/true, tinyxml2::PRESERVE_WHITESPACE);
+    configClassList.clear();
+    configClassMap.clear();
+    vidPidMap.clear();
+
+    document.LoadFile(path.c_str());
+    xml_parse_status = false;
+    if (document.Error()) {
+        reportLoadFailure(document);
+        return;
+    }
+
+    // A document of comments alone loads and has no root; reading its name faults, and the crash
+    // handler restores the last good file: meant, so there is no check.
+    const XMLElement* root = document.FirstChildElement();
+    const std::string rootName = root->Value();
+    if (rootName != "usbconfig") {
+        reportBadRoot(rootName);
+        return;
+    }
+    if (root->FindAttribute("mode") == nullptr) {
+        reportMissingMode();
+        return;
+    }
+
+    const std::string mode = root->Attribute("mode");
+    LOG(INFO) << "attribute--" << mode;
+    configMode = mode;
+    if (configMode == "default") {
+        xml_parse_status = true;
+        return;
+    }
+    if (configMode != "whitelist" && configMode != "blacklist") {
+        reportBadMode();
+        return;
+    }
+    readRules(*root);
+}
+
+unsigned int Util::convert(const std::string& name) {
+    const auto* row = std::find_if(std::begin(usbClassTable), std::end(usbClassTable),
+                                   [&](const ClassName& r) { return name == r.name; });
+    return row == std::end(usbClassTable) ? kNoSuchClass : static_cast<unsigned int>(row->code);
+}
+
+bool Util::isValidNumber(const std::string& s) {
+    LOG(INFO) << "isValidNumber s--" << s;
+    return !s.empty() &&
+           std::all_of(s.begin(), s.end(), [](char c) { return c >= '0' && c <= '9'; });
+}
+
+std::string Util::getMode() {
+    return configMode;
+}
+
+bool Util::validateClass(unsigned int classCode) {
+    if (!occursIn(configClassList, classCode)) return false;
+    LOG(INFO) << "Found CLASS : " << classCode << " in admin config list";
+    return true;
+}
+
+bool Util::validateRestrictedClass(unsigned int classCode) {
+    if (!occursIn(restrictedClasses, classCode)) return false;
+    LOG(INFO) << "Found CLASS : " << classCode << " in restricted class list";
+    return true;
+}
+
+bool Util::validateVid(int vendorId) {
+    const auto own = vidPidMap.lower_bound(vendorId);
+    if (own == vidPidMap.end() || own->first != vendorId) return false;
+    // To the end of the whole table, larger vendors included: meant.
+    const bool found = std::any_of(own, vidPidMap.end(),
+                                   [](const auto& rule) { return rule.second == ANY_PRODUCT_ID; });
+    if (!found) return false;
+    LOG(INFO) << "Found VID : " << vendorId
+              << " without any pid associated inside admin config list.";
+    return true;
+}
+
+bool Util::validateVidPid(int vendorId, int productId) {
+    const bool found = std::any_of(vidPidMap.begin(), vidPidMap.end(), [=](const auto& rule) {
+        return rule.first == vendorId && rule.second == productId;
+    });
+    if (!found) return false;
+    LOG(INFO) << "Found VID_PID : " << vendorId << "_" << productId
+              << " combination inside admin config list";
+    return true;
+}
+
+std::string Util::getClassName(int code) {
+    const auto* row = std::find_if(std::begin(usbClassTable), std::end(usbClassTable),
+                                   [=](const ClassName& r) { return code == r.code; });
+    return row == std::end(usbClassTable) ? " " : row->name;
+}
+
+std::vector<int> Util::checkMultiClass(int sourceBits) {
+    LOG(INFO) << "checkMultiClass key_val" << sourceBits;
+    const int masked = sourceBits & ~kSourceClassMask;
+    LOG(INFO) << "checkMultiClass--" << masked;
+    if (inputSourceNames.count(masked) > 0) {
+        LOG(INFO) << "Key found\n";
+        return {masked};
+    }
+    LOG(INFO) << "Key not found\n";
+    std::vector<int> sources;
+    for (const auto& [code, name] : inputSourceNames) {
+        if ((code & ~masked) == 0) sources.push_back(code);
+    }
+    return sources;
+}
+
+// Both texts by value in the next two: part of their interface.
+
+// NOLINTNEXTLINE(performance-unnecessary-value-param)
+void Util::updateErrorFile(std::string path, std::string message) {
+    LOG(INFO) << "updateErrorFile called with error message : " << message;
+    std::ofstream file(path);
+    if (!file.is_open()) return;
+    file << message;
+}
+
+// NOLINTNEXTLINE(performance-unnecessary-value-param)
+bool Util::copyFileContent(std::string src, std::string dst) {
+    LOG(INFO) << " USB xml src path is " << src;
+    LOG(INFO) << "USB xml dest path is " << dst;
+    // Both before either is looked at: dst is emptied even when src cannot be read.
+    std::ifstream in(src);
+    std::ofstream out(dst);
+
+    bool copied = false;
+    if (in.is_open()) {
+        copied = copyLines(in, out);
+    } else {
+        LOG(ERROR) << "USB device error is source file open";
+    }
+    in.close();
+    out.close();
+    // Logged for failures, too: meant.
+    LOG(INFO) << "Usb Device config file copied successfully..!!";
+    return copied;
+}
+
+}  // namespace android::kus

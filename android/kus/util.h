@@ -1,0 +1,95 @@
+// Copyright (C) 2026 The kusd authors
+// SPDX-License-Identifier: Apache-2.0
+
+#pragma once
+
+#include <string>
+#include <vector>
+
+namespace android::kus {
+
+/**
+ * The administrator's rules: parsing them, asking them, and the files that tell their outcome.
+ *
+ * All state is process-wide (android/kus/constants.h); there are no objects. Nothing here takes a
+ * lock: whoever parses while others ask must keep them apart.
+ */
+class Util {
+  public:
+    Util() = delete;
+
+    // --- Parsing -------------------------------------------------------------------------------
+
+    /**
+     * Reads the configuration file and replaces the rules in force with what it says.
+     *
+     * Success sets xml_parse_status. A failure clears it, puts the reason into errorMessage and
+     * into the status file, and leaves the rules that stood before the failing one; a file that
+     * cannot be loaded leaves none, and errorMessage as it was. "mode" is taken over before it is
+     * checked.
+     *
+     * Two inputs end the process: a document without any element (SIGSEGV) and a decimal id above
+     * 2147483647 (uncaught std::out_of_range, SIGABRT). The crash handler answers both by
+     * restoring the last good file.
+     */
+    static void createMapFromConfig(const std::string& path);
+
+    /** The code of a name of usbClassTable, matched whole; 0xFFFFFFFF for any other text. */
+    static unsigned int convert(const std::string& name);
+
+    /** True for one or more of '0' to '9' and nothing else. */
+    static bool isValidNumber(const std::string& s);
+
+    // --- Asking --------------------------------------------------------------------------------
+
+    /** The mode in force: "default", "whitelist", "blacklist", or a rejected file's word. */
+    static std::string getMode();
+
+    /** Does a class rule name this class or input-source code? */
+    static bool validateClass(unsigned int classCode);
+
+    /** Is this one of restrictedClasses? */
+    static bool validateRestrictedClass(unsigned int classCode);
+
+    /**
+     * Does a vendor rule without products apply?
+     *
+     * The search for such a rule starts at the vendor's own first rule and goes on to the end of
+     * the whole table: a vendor with product rules only is matched by a vendor-only rule of any
+     * larger vendor id.
+     */
+    static bool validateVid(int vendorId);
+
+    /** Does a rule name exactly this pair? -1 as product asks for a rule without products. */
+    static bool validateVidPid(int vendorId, int productId);
+
+    /** The name of a code of usbClassTable; one blank, never an empty text, for any other. */
+    static std::string getClassName(int code);
+
+    /**
+     * The known input-source codes that make up a source, ascending; may be empty.
+     *
+     * Bits 0 to 7 (the platform's source class bits) are ignored.
+     */
+    static std::vector<int> checkMultiClass(int sourceBits);
+
+    // --- Files ---------------------------------------------------------------------------------
+
+    /**
+     * Replaces the content of a file with a text, without a line end.
+     *
+     * A file that cannot be opened is silently not written. Takes no lock and is called by the
+     * crash handler.
+     */
+    static void updateErrorFile(std::string path, std::string message);
+
+    /**
+     * Replaces the content of dst with the lines of src, each ended by one line feed.
+     *
+     * False when src or, with at least one line to write, dst could not be opened. dst is emptied
+     * even when src cannot be read. Takes no lock and is called by the crash handler.
+     */
+    static bool copyFileContent(std::string src, std::string dst);
+};
+
+}  // namespace android::kus
