@@ -1,0 +1,218 @@
+# Copyright (C) 2026 The kusd authors
+# SPDX-License-Identifier: Apache-2.0
+
+"""Builds and runs the tests; the second half of ./test.
+
+Three suites: "lint" (formatting, static analysis, the two builds' lists), "unit" (googletest, each
+test in a sandbox of its own) and "vm" (unittest, in the virtual terminal). A test that did not run
+has failed: a missing result, an empty suite and a broken build all count.
+"""
+
+from __future__ import annotations
+
+import concurrent.futures
+import json
+import os
+import subprocess
+import sys
+import time
+import xml.etree.ElementTree as ElementTree
+from pathlib import Path
+from typing import Callable, Iterable, NamedTuple
+
+REPO = Path(__file__).resolve().parent.parent
+BUILD = REPO / "build"
+RESULTS = BUILD / "results"
+WORKERS = 2
+
+
+class Outcome(NamedTuple):
+    """What became of one test."""
+
+    name: str
+    passed: bool
+    detail: str
+
+
+def step(text: str) -> None:
+    print(f"==> {text}", flush=True)
+
+
+def run(command: list[str | Path], timeout: float = 600) -> subprocess.CompletedProcess[str]:
+    return subprocess.run(
+        [str(word) for word in command],
+        cwd=REPO,
+        stdin=subprocess.DEVNULL,
+        stdout=subprocess.PIPE,
+        stderr=subprocess.STDOUT,
+        text=True,
+        errors="replace",
+        timeout=timeout,
+        check=False,
+    )
+
+
+def command_outcome(name: str, command: list[str | Path]) -> Outcome:
+    result = run(command)
+    return Outcome(name, result.returncode == 0, result.stdout)
+
+
+def tracked(*patterns: str) -> list[str]:
+    """The project's files: those of the folder that git does not ignore."""
+    result = run(["git", "ls-files", "--cached", "--others", "--exclude-standard", *patterns])
+    return sorted(name for name in set(result.stdout.splitlines()) if (REPO / name).is_file())
+
+
+def shell_scripts() -> list[str]:
+    def is_script(name: str) -> bool:
+        with open(REPO / name, "rb") as file:
+            first = file.readline()
+        return first.startswith(b"#!") and b"sh" in first
+
+    return [name for name in tracked() if is_script(name)]
+
+
+def build(kind: str) -> Outcome:
+    started = time.monotonic()
+    result = run(["host/build", kind], timeout=3000)
+    step(f"built {kind} in {time.monotonic() - started:.0f} s")
+    return Outcome(f"build.{kind}", result.returncode == 0, result.stdout[-20000:])
+
+
+# --- lint ----------------------------------------------------------------------------------------
+
+
+def tidy(source: str) -> Outcome:
+    return command_outcome(
+        f"lint.clang-tidy.{source}",
+        ["clang-tidy-14", "--quiet", "-p", BUILD / "asan", source],
+    )
+
+
+def compiled_sources() -> list[str]:
+    commands = json.loads((BUILD / "asan/compile_commands.json").read_text())
+    files = {Path(entry["file"]).resolve() for entry in commands}
+    own = [file for file in files if not file.is_relative_to(BUILD)]
+    return sorted(str(file.relative_to(REPO)) for file in own)
+
+
+def lint_checks() -> list[Callable[[], Outcome]]:
+    formatted = tracked("*.cpp", "*.h")
+    checks: list[Callable[[], Outcome]] = [
+        lambda: command_outcome(
+            "lint.clang-format", ["clang-format-14", "--dry-run", "-Werror", *formatted]
+        ),
+        lambda: command_outcome("lint.shellcheck", ["shellcheck", "-x", *shell_scripts()]),
+        lambda: command_outcome(
+            "lint.build-files", [sys.executable, "-m", "unittest", "-q", "tests/build_files_test.py"]
+        ),
+    ]
+    checks += [lambda source=source: tidy(source) for source in compiled_sources()]
+    return checks
+
+
+def run_lint(wanted: Callable[[str], bool]) -> Iterable[Outcome]:
+    step("checking style")
+    with concurrent.futures.ThreadPoolExecutor(WORKERS) as pool:
+        outcomes = list(pool.map(lambda check: check(), lint_checks()))
+    return [outcome for outcome in outcomes if wanted(outcome.name)]
+
+
+# --- unit ----------------------------------------------------------------------------------------
+
+
+def unit_outcome(case: ElementTree.Element) -> Outcome:
+    # ctest writes "run" for a test that ran and passed, and something else for every other fate.
+    passed = case.get("status") == "run"
+    output = case.findtext("system-out") or ""
+    return Outcome(f"unit.{case.get('name')}", passed, output)
+
+
+def run_unit(wanted: Callable[[str], bool]) -> Iterable[Outcome]:
+    step("running the unit tests")
+    report = RESULTS / "unit.xml"
+    report.unlink(missing_ok=True)
+    result = run(
+        ["ctest", "--test-dir", BUILD / "asan", "-j", str(WORKERS), "--output-junit", report],
+        timeout=1800,
+    )
+    if not report.exists():
+        return [Outcome("unit.ctest", False, result.stdout)]
+    outcomes = [unit_outcome(case) for case in ElementTree.parse(report).iter("testcase")]
+    if not outcomes:
+        return [Outcome("unit.ctest", False, "no test was found\n" + result.stdout)]
+    return [outcome for outcome in outcomes if wanted(outcome.name)]
+
+
+# --- vm ------------------------------------------------------------------------------------------
+
+
+def run_vm_module(module: str) -> list[Outcome]:
+    """Runs one file of tests in a process of its own and reads what it says of each test."""
+    name = Path(module).stem
+    report = RESULTS / f"{name}.json"
+    report.unlink(missing_ok=True)
+    started = time.monotonic()
+    try:
+        result = run([sys.executable, "tests/vm/run_module.py", module, report], timeout=1500)
+        output = result.stdout
+    except subprocess.TimeoutExpired as error:
+        output = f"timed out\n{error.output}"
+    step(f"{name}: {time.monotonic() - started:.0f} s")
+    if not report.exists():
+        return [Outcome(f"vm.{name}", False, output)]
+    outcomes = [Outcome(f"vm.{entry['name']}", entry["passed"], entry["detail"])
+                for entry in json.loads(report.read_text())]
+    return outcomes or [Outcome(f"vm.{name}", False, "no test was found\n" + output)]
+
+
+def run_vm(wanted: Callable[[str], bool], modules: list[str]) -> Iterable[Outcome]:
+    step("running the tests in the virtual terminal")
+    with concurrent.futures.ThreadPoolExecutor(WORKERS) as pool:
+        outcomes = [o for batch in pool.map(run_vm_module, modules) for o in batch]
+    return [outcome for outcome in outcomes if wanted(outcome.name)]
+
+
+# --- all -----------------------------------------------------------------------------------------
+
+
+def report(outcomes: list[Outcome]) -> int:
+    failures = [outcome for outcome in outcomes if not outcome.passed]
+    for outcome in failures:
+        print(f"\n--- FAILED: {outcome.name}\n{outcome.detail[-20000:]}")
+    print(f"\n{len(outcomes) - len(failures)} passed, {len(failures)} failed", flush=True)
+    return 1 if failures or not outcomes else 0
+
+
+def main(arguments: list[str]) -> int:
+    os.environ.setdefault("PYTHONDONTWRITEBYTECODE", "1")
+    RESULTS.mkdir(parents=True, exist_ok=True)
+    quick = "--quick" in arguments
+    names = [argument for argument in arguments if not argument.startswith("--")]
+
+    def wanted(name: str) -> bool:
+        return not names or any(part in name for part in names)
+
+    def suite_wanted(suite: str) -> bool:
+        return not names or any(suite in part or part not in ("lint", "unit", "vm")
+                                for part in names)
+
+    # A machine's first boot and a build want the same two cores: one thing after the other.
+    kinds = ["native", "asan"] + ([] if quick else ["arm64"])
+    builds = [build(kind) for kind in kinds]
+    if not all(outcome.passed for outcome in builds):
+        return report(builds)
+
+    outcomes = builds if not names else []
+    if suite_wanted("unit"):
+        outcomes += run_unit(wanted)
+    if suite_wanted("lint"):
+        outcomes += run_lint(wanted)
+    if not quick and suite_wanted("vm"):
+        modules = [m for m in tracked("tests/vm/test_*.py")]
+        outcomes += run_vm(wanted, modules)
+    return report(outcomes)
+
+
+if __name__ == "__main__":
+    sys.exit(main(sys.argv[1:]))
