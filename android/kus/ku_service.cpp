@@ -384,7 +384,7 @@ Status KUsbService::isDeviceAllowed(const DeviceInfo& info, bool* result) {
 
     const Verdict verdict = judge(mode, info);
     LOG(INFO) << "isDeviceAllowed res val:" << verdict.allowed;
-    if (!verdict.allowed && mode != kModeDefault && isUsbDevice(info)) {
+    if (!verdict.allowed && isUsbDevice(info)) {
         LOG(INFO) << "isDeviceAllowed called and updating status authorized to 0";
         UsbDevice::update_status(info.deviceId, 0);
     }
