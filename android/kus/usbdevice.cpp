@@ -790,8 +790,8 @@ void UsbDevice::read_sysfs_file_string(const char* name, const char* attribute, 
         buf[0] = '\0';
         return;
     }
-    while (count > 0 && buf[count - 1] == '\n') --count;
     buf[count] = '\0';
+    while (count > 0 && buf[count - 1] == '\n') buf[--count] = '\0';
     std::replace(buf, buf + count, '\n', ' ');
 }
 

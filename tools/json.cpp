@@ -1,0 +1,68 @@
+// Copyright (C) 2026 The kusd authors
+// SPDX-License-Identifier: Apache-2.0
+
+#include "tools/json.h"
+
+#include <android-base/stringprintf.h>
+#include <android-base/strings.h>
+
+#include "tools/utf8.h"
+
+namespace android::kus::tools {
+namespace {
+
+std::string escaped(char c) {
+    switch (c) {
+        case '"':
+            return "\\\"";
+        case '\\':
+            return "\\\\";
+        case '\n':
+            return "\\n";
+        case '\t':
+            return "\\t";
+        default:
+            break;
+    }
+    const auto byte = static_cast<unsigned char>(c);
+    if (byte < 0x20 || byte == 0x7f) return android::base::StringPrintf("\\u%04x", byte);
+    return {c};
+}
+
+}  // namespace
+
+std::string jsonQuote(std::string_view text) {
+    std::string quoted = "\"";
+    for (const char c : toValidUtf8(text)) quoted += escaped(c);
+    return quoted + '"';
+}
+
+JsonObject& JsonObject::addText(std::string_view name, std::string_view value) {
+    return addRaw(name, jsonQuote(value));
+}
+
+JsonObject& JsonObject::addNumber(std::string_view name, int64_t value) {
+    return addRaw(name, std::to_string(value));
+}
+
+JsonObject& JsonObject::addNumbers(std::string_view name, const std::vector<int32_t>& values) {
+    return addRaw(name, "[" + android::base::Join(values, ",") + "]");
+}
+
+JsonObject& JsonObject::addFlag(std::string_view name, bool value) {
+    return addRaw(name, value ? "true" : "false");
+}
+
+std::string JsonObject::str() const {
+    return "{" + members_ + "}";
+}
+
+JsonObject& JsonObject::addRaw(std::string_view name, std::string_view value) {
+    if (!members_.empty()) members_ += ',';
+    members_ += jsonQuote(name);
+    members_ += ':';
+    members_ += value;
+    return *this;
+}
+
+}  // namespace android::kus::tools
