@@ -83,10 +83,11 @@ def build(kind: str) -> Outcome:
 
 
 def tidy(source: str) -> Outcome:
-    return command_outcome(
-        f"lint.clang-tidy.{source}",
-        ["clang-tidy-14", "--quiet", "-p", BUILD / "asan", source],
-    )
+    command: list[str | Path] = ["clang-tidy-14", "--quiet", "-p", BUILD / "asan", source]
+    # The path analysis of what googletest's macros unfold to takes a minute a file.
+    if source.endswith("_test.cpp"):
+        command.append("--checks=-clang-analyzer-*")
+    return command_outcome(f"lint.clang-tidy.{source}", command)
 
 
 def compiled_sources() -> list[str]:
