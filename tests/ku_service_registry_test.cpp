@@ -491,16 +491,17 @@ TEST_F(RegistryLock, KeepsASecondDeathNoticeWaiting) {
     std::vector<sp<IBinder::DeathRecipient>> recipients;
     std::thread second;
     std::atomic<pid_t> id = 0;
+    std::atomic<bool> done = false;
     recipients = RegisterThrice([&] {
         second = std::thread([&] {
             id = gettid();
             recipients[1]->binderDied(binder);
+            done = true;
         });
-        const LogLine received = Info("Received binderDied");
-        const LogLine finished = Info("Callback from dead process unregistered");
-        while (!(log.CountOf(received) == 2 && isAsleep(id)) && log.CountOf(finished) == 0) {
-            sched_yield();
-        }
+        while (log.CountOf(Info("Received binderDied")) < 2) sched_yield();
+        // Asleep for this long, it waits for more than the lock of the log.
+        for (int asleep = 0; asleep < 1000 && !done;) asleep = isAsleep(id) ? asleep + 1 : 0;
+        EXPECT_FALSE(done);
     });
     log.Take();
     recipients[0]->binderDied(binder);
