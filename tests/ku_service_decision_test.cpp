@@ -5,6 +5,7 @@
 #include <stdint.h>
 
 #include <map>
+#include <ostream>
 #include <string>
 #include <utility>
 #include <vector>
@@ -413,16 +414,32 @@ const std::vector<Row> kRows = {
 };
 
 // Modes that no valid file has, and which are whitelists all the same.
-const std::vector<std::string> kOtherModes = {
-        "",          "Whitelist",  "WHITELIST",   "Default",
-        "default ",  " default",   "defaul",      std::string("default\0", 8),
-        "Blacklist", "blacklist ", "blacklist\n", std::string("blacklist\0", 10),
-        "nonsense"};
+const std::map<std::string, std::string> kOtherModes = {
+        {"Empty", ""},
+        {"CapitalWhitelist", "Whitelist"},
+        {"AllCapitalWhitelist", "WHITELIST"},
+        {"CapitalDefault", "Default"},
+        {"DefaultAndBlank", "default "},
+        {"BlankAndDefault", " default"},
+        {"CutDefault", "defaul"},
+        {"DefaultAndZero", std::string("default\0", 8)},
+        {"CapitalBlacklist", "Blacklist"},
+        {"BlacklistAndBlank", "blacklist "},
+        {"BlacklistAndNewline", "blacklist\n"},
+        {"BlacklistAndZero", std::string("blacklist\0", 10)},
+        {"Nonsense", "nonsense"},
+};
 
 struct Setting {
     Kind kind;
     Row row;
+    std::string name;
 };
+
+// The test runner knows a setting by this.
+void PrintTo(const Setting& setting, std::ostream* os) {
+    *os << setting.name;
+}
 
 class DecisionTable : public DecisionTest, public ::testing::WithParamInterface<Setting> {
   protected:
@@ -449,7 +466,7 @@ class DecisionTable : public DecisionTest, public ::testing::WithParamInterface<
 };
 
 TEST_P(DecisionTable, GivesVerdictReasonAndEffects) {
-    const auto& [kind, row] = GetParam();
+    const auto& [kind, row, name] = GetParam();
     const DeviceInfo info = MakeDevice(kind);
     SetRule(row.rule);
     configMode = row.mode;
@@ -477,36 +494,48 @@ TEST_P(DecisionTable, GivesVerdictReasonAndEffects) {
     }
 }
 
-std::vector<Setting> allSettings() {
-    std::vector<Row> rows = kRows;
-    for (const Row& row : kRows) {
-        if (row.mode != "whitelist") continue;
-        for (const std::string& mode : kOtherModes) {
-            rows.push_back({mode, row.rule, row.allowed, row.reason});
-        }
+std::string nameOf(Kind kind) {
+    switch (kind) {
+        case Kind::kStick:
+            return "Stick";
+        case Kind::kVendorHid:
+            return "VendorHid";
+        case Kind::kInputDevice:
+            return "InputDevice";
     }
+}
+
+std::string nameOf(Rule rule) {
+    switch (rule) {
+        case Rule::kNone:
+            return "NoRule";
+        case Rule::kClass:
+            return "ClassRule";
+        case Rule::kVendor:
+            return "VendorRule";
+        case Rule::kPair:
+            return "PairRule";
+    }
+}
+
+std::vector<Setting> allSettings() {
     std::vector<Setting> settings;
     for (const Kind kind : {Kind::kStick, Kind::kVendorHid, Kind::kInputDevice}) {
-        for (const Row& row : rows) settings.push_back({kind, row});
+        for (Row row : kRows) {
+            const std::string rest = "_" + nameOf(row.rule) + "_" + nameOf(kind);
+            settings.push_back({kind, row, row.mode + rest});
+            if (row.mode != "whitelist") continue;
+            for (const auto& [name, mode] : kOtherModes) {
+                row.mode = mode;
+                settings.push_back({kind, row, name + rest});
+            }
+        }
     }
     return settings;
 }
 
-std::string nameOf(const ::testing::TestParamInfo<Setting>& info) {
-    const std::map<Kind, std::string> kinds = {{Kind::kStick, "Stick"},
-                                               {Kind::kVendorHid, "VendorHid"},
-                                               {Kind::kInputDevice, "InputDevice"}};
-    const std::map<Rule, std::string> rules = {{Rule::kNone, "NoRule"},
-                                               {Rule::kClass, "ClassRule"},
-                                               {Rule::kVendor, "VendorRule"},
-                                               {Rule::kPair, "PairRule"}};
-    std::string mode;
-    for (const char c : info.param.row.mode) mode += isalpha(c) != 0 ? c : '_';
-    return kinds.at(info.param.kind) + "_" + mode + "_" + rules.at(info.param.row.rule) + "_" +
-           std::to_string(info.index);
-}
-
-INSTANTIATE_TEST_SUITE_P(Settings, DecisionTable, ::testing::ValuesIn(allSettings()), nameOf);
+INSTANTIATE_TEST_SUITE_P(Settings, DecisionTable, ::testing::ValuesIn(allSettings()),
+                         [](const auto& info) { return info.param.name; });
 
 // --- Class test --------------------------------------------------------------------------------
 

@@ -393,6 +393,26 @@ TEST_F(CategoryRule, TakesNetAndTtyByTheirWholeNames) {
     EXPECT_EQ(categoryOf(), std::make_pair(0, std::string("empty")));
 }
 
+TEST_F(CategoryRule, EndsAtTheFirstEntryThatSettlesIt) {
+    const struct {
+        std::vector<std::string> order;
+        int32_t category;
+        const char* path;
+    } table[] = {
+            {{"net", "tty", kHid}, 1, "usb0"},
+            {{"tty", "net", kHid}, 2, "ttyACM0"},
+            {{kHid, "net", "tty"}, 8, "empty"},
+    };
+    for (const auto& row : table) {
+        SCOPED_TRACE(row.order[0]);
+        makeEmpty();
+        MakeDirsInOrder(directory_, row.order);
+        MakeDir(directory_ + "/net/usb0");
+        MakeDir(directory_ + "/tty/ttyACM0");
+        EXPECT_EQ(categoryOf(), std::make_pair(row.category, std::string(row.path)));
+    }
+}
+
 // --- populate_category_device: its path is never undone ----------------------------------------
 
 TEST_F(CategoryRule, LooksForASecondHidDeviceBelowAFirstWithInput) {

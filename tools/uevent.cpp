@@ -3,6 +3,8 @@
 
 #include "tools/uevent.h"
 
+#include <cstdint>
+
 #include <android-base/file.h>
 #include <android-base/parseint.h>
 #include <android-base/strings.h>
@@ -13,15 +15,10 @@ namespace {
 using android::base::Basename;
 using android::base::Dirname;
 
-// The kernel pads the number with zeros, which a parser of C numbers takes for octal.
-int32_t paddedNumber(const std::string& text) {
-    const size_t start = text.find_first_not_of('0');
+// Decimal despite the zeros in front. 0 if it is none.
+int32_t deviceNumber(const std::string& text) {
     uint32_t value = 0;
-    if (start == std::string::npos ||
-        !android::base::ParseUint(text.substr(start), &value, uint32_t{INT32_MAX})) {
-        return 0;
-    }
-    return static_cast<int32_t>(value);
+    return base::ParseUint(text, &value, uint32_t{INT32_MAX}) ? static_cast<int32_t>(value) : 0;
 }
 
 // "usb3": no device of its own.
@@ -57,7 +54,7 @@ std::optional<Uevent> interpretUevent(const RawUevent& raw, Clock::time_point re
     if (raw.subsystem == "usb" && raw.devtype == "usb_device") {
         if (isRootHub(raw.path)) return std::nullopt;
         change = usbDeviceChange(raw.action);
-        event.devnum = paddedNumber(raw.devnum);
+        event.devnum = deviceNumber(raw.devnum);
     } else if (raw.subsystem == "usb" && raw.devtype == "usb_interface") {
         change = interfaceChange(raw.action);
         event.path = Dirname(raw.path);

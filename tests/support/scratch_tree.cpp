@@ -64,9 +64,11 @@ void Remove(const std::string& path) {
 }
 
 std::string AddUsbEntry(const std::string& name, const Attributes& attributes) {
-    const std::string directory = kSysDevices + name;
+    std::string directory = kSysDevices + name;
     MakeDir(directory);
-    for (const auto& [attribute, text] : attributes) WriteFile(directory + "/" + attribute, text);
+    for (const auto& [attribute, text] : attributes) {
+        WriteFile((fs::path(directory) / attribute).string(), text);
+    }
     MakeLink(kUsbDevices + name, "../../../devices/usb/" + name);
     return directory;
 }
