@@ -14,6 +14,9 @@ set(CMAKE_SYSROOT ${kus_sysroot})
 
 foreach(language C CXX)
     set(CMAKE_${language}_COMPILER_TARGET aarch64-linux-gnu)
+    # By /usr, not by the link /lib that clang tries first: ninja takes the ".." of the headers'
+    # paths literally, would not find them behind a link, and would build all anew each time.
+    set(CMAKE_${language}_COMPILER_EXTERNAL_TOOLCHAIN ${kus_sysroot}/usr)
 endforeach()
 set(CMAKE_C_COMPILER clang)
 set(CMAKE_CXX_COMPILER clang++)
