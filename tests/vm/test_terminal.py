@@ -117,8 +117,12 @@ class ShellTest(unittest.TestCase):
         self.addCleanup(shell.kill)
         os.close(theirs)
         self.read_until(ours, b"# ")
-        os.write(ours, b"stty size; tty; sleep 1000\n")
-        self.assertIn(b"31 97", self.read_until(ours, b"/dev/pts/"))
+        # Its own line shows that the command is there to be interrupted: before that, the signal
+        # would meet a shell about to become it.
+        os.write(ours, b"stty size; tty; sh -c 'echo $((6 * 7))up; exec sleep 1000'\n")
+        shown = self.read_until(ours, b"42up")
+        self.assertIn(b"31 97", shown)
+        self.assertIn(b"/dev/pts/", shown)
         # Only a shell with a terminal of its own turns this key into a signal.
         os.write(ours, b"\x03")
         os.write(ours, b"exit 7\n")
