@@ -90,7 +90,8 @@ void Agent::judge(const AttachedDevice& device, Clock::time_point since) {
 
     const bool configured =
             device.kind == DeviceKind::kInput || !device.info.interfaceClasses.empty();
-    judged_[{device.kind, device.sysname}] = {device, !configured};
+    const bool blocked = device.kind == DeviceKind::kUsb && isBlocked(device.path);
+    judged_[{device.kind, device.sysname}] = {device, !configured, blocked};
     if (device.kind == DeviceKind::kInput) {
         verdict.inhibited = applyInputVerdict(device, verdict.allowed);
     }
@@ -142,9 +143,11 @@ void Agent::forget(const Key& key) {
     out_->removed(device);
 }
 
-// The interfaces of another configuration make another device of it.
+// The interfaces of another configuration make another device of it, and so do interfaces that are
+// no longer blocked: the kernel has made them anew.
 bool Agent::isStill(const Judged& judged, const DeviceInfo& present) {
     const DeviceInfo& info = judged.device.info;
+    if (judged.blocked && !isBlocked(judged.device.path)) return false;
     return present.deviceId == info.deviceId &&
            (judged.awaitsInterfaces ? present.interfaceClasses.empty()
                                     : present.interfaceClasses == info.interfaceClasses);

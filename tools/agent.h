@@ -61,6 +61,8 @@ class Agent {
         AttachedDevice device;
         /** Waiting for the interfaces of another configuration. */
         bool awaitsInterfaces = false;
+        /** A USB device whose interfaces the daemon has blocked. */
+        bool blocked = false;
     };
 
     void judgeIfNew(DeviceKind kind, const std::string& dir, int32_t devnum,

@@ -203,6 +203,22 @@ TEST_F(AgentTest, RescanSeesThatInterfacesWentAndCameAgain) {
     EXPECT_EQ(Lines(), daemon_->takeCalls());
 }
 
+TEST_F(AgentTest, RescanSeesThatBlockedInterfacesWereMadeAnew) {
+    const std::string dir = sysfs_.addUsb("3-1", usb("Stick", 2));
+    const std::string authorized = dir + "/3-1:1.0/authorized";
+    daemon_->judge = [&](const DeviceInfo&) {
+        ScratchSysfs::write(authorized, "0\n");
+        return FakeDaemon::Judgement{false, "No matching rule", true};
+    };
+    connect();
+    agent_.rescan(RescanReason::kOverflow);
+    EXPECT_EQ(Lines(), daemon_->takeCalls());
+
+    ScratchSysfs::write(authorized, "1\n");
+    agent_.rescan(RescanReason::kOverflow);
+    EXPECT_EQ(Lines({"remove Stick 3002 0", "decide Stick 3002"}), daemon_->takeCalls());
+}
+
 TEST_F(AgentTest, UnconfiguredDeviceIsJudgedAndAgainWithItsFirstConfiguration) {
     connect();
     const std::string dir = sysfs_.addUsb("3-1", unconfigured("Modem", 2));

@@ -230,6 +230,14 @@ bool isInputName(std::string_view sysname) {
     return inputNumber(sysname).has_value();
 }
 
+bool isBlocked(const std::string& dir) {
+    const std::map<uint32_t, std::string> interfaces = interfaceNames(dir);
+    return !interfaces.empty() &&
+           std::all_of(interfaces.begin(), interfaces.end(), [&](const auto& interface) {
+               return attribute(dir, interface.second + "/authorized") == "0";
+           });
+}
+
 bool isInhibited(const std::string& dir) {
     return attribute(dir, "inhibited") == "1";
 }

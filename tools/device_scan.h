@@ -66,6 +66,12 @@ std::vector<std::string> deviceDirectories(DeviceKind kind, const std::string& s
 /** The device number in a USB device's record. */
 int32_t deviceNumber(const DeviceInfo& info);
 
+/**
+ * Does the kernel keep every interface of the USB device at |dir| from drivers ("authorized" is 0)?
+ * False for a device without interfaces.
+ */
+bool isBlocked(const std::string& dir);
+
 /** True for "inputN". */
 bool isInputName(std::string_view sysname);
 

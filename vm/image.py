@@ -39,6 +39,8 @@ MODULES: dict[str, str] = {
     "virtio_mmio": "",
     "virtio_console": "",
     "binder_linux": "",
+    # QEMU's hub does not wake its host for a change on a port: asleep it would hide its devices.
+    "usbcore": "autosuspend=-1",
     # USB 2 and 3 ports that QEMU plugs devices into; loaded before dummy_hcd to be buses 1 and 2.
     "xhci_pci": "",
     # Six controllers, each with a gadget side of its own.

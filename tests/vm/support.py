@@ -45,6 +45,14 @@ Event = dict[str, Any]
 T = TypeVar("T")
 
 
+class Node(NamedTuple):
+    """A file that a driver has made. The name in /dev may be another device's by now: what it is
+    the name of tells."""
+
+    path: str
+    owner: str
+
+
 # --- rules ----------------------------------------------------------------------------------------
 
 
@@ -283,8 +291,6 @@ class DaemonTestCase(unittest.TestCase):
     away what it has plugged in, its clients and its properties, and begins with its own rules."""
 
     services: tuple[str, ...] = ("servicemanager", "kusd", "kus-hotplug")
-    # QEMU's hub does not wake its host for a change on a port: asleep it hides its devices.
-    options: tuple[str, ...] = ("usbcore.autosuspend=-1",)
     terminal: Terminal
     log: DaemonLog
     agent: AgentLog
@@ -293,8 +299,7 @@ class DaemonTestCase(unittest.TestCase):
     def setUpClass(cls) -> None:
         if cls.services not in _terminals:
             _terminals[cls.services] = unittest.enterModuleContext(
-                Terminal(cls.__module__, start=",".join(cls.services) or "none",
-                         options=cls.options))
+                Terminal(cls.__module__, start=",".join(cls.services) or "none"))
         cls.terminal = _terminals[cls.services]
         cls.log = DaemonLog(cls.terminal)
         cls.agent = AgentLog(cls.terminal)
@@ -417,23 +422,26 @@ class DaemonTestCase(unittest.TestCase):
     def exists(self, path: str) -> bool:
         return self.terminal.run(["test", "-e", path]).status == 0
 
-    def nodes(self, plugged: Plugged, since: int) -> set[str]:
+    def nodes(self, plugged: Plugged, since: int) -> set[Node]:
         """What the device's drivers have made since a mark of the uevents, though it may be gone
-        again: paths in /sys and /dev."""
-        nodes: set[str] = set()
+        again."""
+        nodes: set[Node] = set()
         for event in self.terminal.uevents_since(since):
             below = f"/{plugged.sysname}:" in event.get("DEVPATH", "")
             if not below or event["ACTION"] != "add" or event["SUBSYSTEM"] not in NODE_SUBSYSTEMS:
                 continue
-            nodes.add(f"/sys{event['DEVPATH']}")
+            owner = f"/sys{event['DEVPATH']}"
+            nodes.add(Node(owner, owner))
             if "DEVNAME" in event:
-                nodes.add(f"/dev/{event['DEVNAME']}")
+                nodes.add(Node(f"/dev/{event['DEVNAME']}", owner))
         return nodes
 
-    def present(self, paths: Iterable[str]) -> set[str]:
-        """Those of the paths that exist."""
-        wanted = sorted(paths)
-        words = " ".join(shlex.quote(path) for path in wanted)
+    def present(self, nodes: Iterable[Node]) -> set[Node]:
+        """Those of the nodes that exist."""
+        wanted = list(nodes)
+        tests = " ".join(f"{shlex.quote(node.path)} {shlex.quote(node.owner)}" for node in wanted)
         output = self.terminal.run(
-            f'for path in {words}; do [ ! -e "$path" ] || echo "$path"; done').stdout
-        return set(output.splitlines())
+            f'set -- {tests}; while [ $# -gt 0 ]; do '
+            '[ -e "$1" ] && [ -e "$2" ] && echo yes || echo no; shift 2; done').stdout
+        return {node for node, answer in zip(wanted, output.split(), strict=True)
+                if answer == "yes"}

@@ -10,8 +10,8 @@ import re
 import unittest
 from collections.abc import Mapping, Sequence
 
-from support import (AUTOMATION, DEFAULT_POLICY, TIMEOUT, DaemonTestCase, Event, Outcome, Process,
-                     Screened, Verdict, allowed, class_rule, policy, refused, vendor_rule)
+from support import (AUTOMATION, DEFAULT_POLICY, TIMEOUT, DaemonTestCase, Event, Node, Outcome,
+                     Process, Screened, Verdict, allowed, class_rule, policy, refused, vendor_rule)
 from vm.devices import (COMPOSITE, DISPLAYLINK, FTDI_SERIAL, GADGET_KEYBOARD, GADGET_STORAGE, HUB,
                         KEYBOARD, MOUSE, NETWORK, PRINTER, RNDIS, SERIAL, SMARTCARD, STORAGE,
                         VENDOR_HID, Device, DeviceState, Effect, Function, Gadget)
@@ -183,8 +183,8 @@ class Evidence:
     # Interfaces in the order in which the directory of all USB devices lists them.
     interfaces: Sequence[str]
     # Everything that the devices' drivers made, and what of it is still there.
-    made: Mapping[str, set[str]]
-    present: set[str]
+    made: Mapping[str, set[Node]]
+    present: set[Node]
     written: Sequence[str]
 
 
@@ -228,6 +228,10 @@ class DecisionTest(DaemonTestCase):
                     found.append(f"{device.name} is {state}")
             return found
 
+        # The driver's link goes before what the driver made: only the daemon's answer says that
+        # its write, and with it the kernel's work, is done.
+        for each in plugged.values():
+            self.agent.wait_for(marks.agent, event="verdict", kind="usb", sysname=each.sysname)
         self.terminal.wait_until(lambda: not unsettled(), TIMEOUT, "all devices to work or to be "
                                  "blocked as the rules say", unsettled)
         screened = [plugged[device] for device, outcome in outcomes.items()

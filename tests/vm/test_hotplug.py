@@ -287,15 +287,19 @@ class OverflowTest(HotplugTestCase):
         column = lines[0].split().index("Drops")
         return sum(int(line.split()[column]) for line in lines[1:])
 
-    def test_lost_messages_are_made_up_for(self) -> None:
-        disk, keyboard = self.plug(STORAGE, KEYBOARD)
-        input_name = self.input_of(keyboard)
-        mark = self.agent.mark()
+    def lose_messages(self, input_name: str) -> None:
+        """Stops the agent and lets the kernel send it more messages than it has room for."""
         self.process.signal(signal.SIGSTOP)
         self.terminal.check_output(
             "i=0; while [ $i -lt 400 ]; do "
             f"echo change > /sys/class/input/{input_name}/uevent; i=$((i + 1)); done")
         self.assertGreater(self.lost_messages(), 0)
+
+    def test_lost_messages_are_made_up_for(self) -> None:
+        disk, keyboard = self.plug(STORAGE, KEYBOARD)
+        input_name = self.input_of(keyboard)
+        mark = self.agent.mark()
+        self.lose_messages(input_name)
         self.plugged.remove(disk)
         self.terminal.unplug(disk)
         serial = self.terminal.plug(SERIAL)
@@ -312,6 +316,20 @@ class OverflowTest(HotplugTestCase):
         mark = self.agent.mark()
         (card_reader,) = self.plug(SMARTCARD)
         self.assertEqual(told(self.agent.since(mark)), [("verdict", card_reader.sysname)])
+
+    def test_refused_device_that_gets_its_configuration_anew_meanwhile_is_refused_anew(
+            self) -> None:
+        self.use_policy(policy("whitelist"))
+        disk, keyboard = self.plug(STORAGE, KEYBOARD)
+        self.terminal.wait_until_blocked(disk)
+        mark = self.agent.mark()
+        self.lose_messages(self.input_of(keyboard))
+        configuration = f"/sys/bus/usb/devices/{disk.sysname}/bConfigurationValue"
+        self.terminal.check_output(f"echo 0 > {configuration}; echo 1 > {configuration}")
+        self.assertFalse(self.state(disk).blocked())
+        self.process.signal(signal.SIGCONT)
+        self.agent.wait_for(mark, event="rescan", reason="overflow")
+        self.terminal.wait_until_blocked(disk)
 
 
 if __name__ == "__main__":
