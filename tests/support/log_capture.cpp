@@ -4,11 +4,14 @@
 #include "tests/support/log_capture.h"
 
 #include <algorithm>
+#include <chrono>
 #include <utility>
 
 namespace android::kus::test {
 
 namespace {
+
+constexpr std::chrono::seconds kPatience(20);
 
 void dropLine(android::base::LogId, android::base::LogSeverity, const char*, const char*,
               unsigned int, const char*) {}
@@ -26,7 +29,10 @@ LogCapture::LogCapture() {
     android::base::SetLogger([this](android::base::LogId, android::base::LogSeverity severity,
                                     const char*, const char*, unsigned int, const char* text) {
         const std::lock_guard<std::mutex> lock(mutex_);
-        lines_.push_back({severity, text});
+        const LogLine line = {severity, text};
+        if (onLine_) onLine_(line);
+        lines_.push_back(line);
+        logged_.notify_all();
     });
 }
 
@@ -59,6 +65,18 @@ int LogCapture::IndexOf(const LogLine& line) const {
 int LogCapture::CountOf(const LogLine& line) const {
     const std::vector<LogLine> lines = Lines();
     return static_cast<int>(std::count(lines.begin(), lines.end(), line));
+}
+
+bool LogCapture::WaitFor(const LogLine& line, int times) const {
+    std::unique_lock<std::mutex> lock(mutex_);
+    return logged_.wait_for(lock, kPatience, [&] {
+        return std::count(lines_.begin(), lines_.end(), line) >= times;
+    });
+}
+
+void LogCapture::OnLine(std::function<void(const LogLine&)> onLine) {
+    const std::lock_guard<std::mutex> lock(mutex_);
+    onLine_ = std::move(onLine);
 }
 
 }  // namespace android::kus::test

@@ -3,6 +3,8 @@
 
 #pragma once
 
+#include <condition_variable>
+#include <functional>
 #include <mutex>
 #include <ostream>
 #include <string>
@@ -55,10 +57,20 @@ class LogCapture {
     int IndexOf(const LogLine& line) const;
     /** How many lines are this very line. */
     int CountOf(const LogLine& line) const;
+    /** Waits until this very line was logged so many times; false when that takes too long. */
+    bool WaitFor(const LogLine& line, int times = 1) const;
+
+    /**
+     * Has each further line handed to this function, on its thread and before it is kept, until
+     * another is given or null; the function must neither log nor call this object.
+     */
+    void OnLine(std::function<void(const LogLine&)> onLine);
 
   private:
     mutable std::mutex mutex_;
+    mutable std::condition_variable logged_;
     std::vector<LogLine> lines_;
+    std::function<void(const LogLine&)> onLine_;
 };
 
 }  // namespace android::kus::test

@@ -5,9 +5,13 @@
 
 #pragma once
 
+#include <sys/types.h>
+
 #include <functional>
 #include <string>
 #include <vector>
+
+#include <android-base/unique_fd.h>
 
 namespace android::kus::test {
 
@@ -27,6 +31,41 @@ struct ProcessResult {
  * line each. The sanitizers leave SIGSEGV and SIGABRT to their default actions there.
  */
 ProcessResult RunInChild(const std::function<void()>& body);
+
+/**
+ * For the body of RunInChild(): waits until any thread of the child has logged this line, written
+ * as there. Ends the child through a FATAL log when that takes too long.
+ */
+void WaitForLogLine(const std::string& line);
+
+/** A child process beside the test. */
+class Process {
+  public:
+    /**
+     * Starts a program (absolute path), in front of which the child calls prepare. The sanitizers
+     * leave it all signals.
+     */
+    explicit Process(
+            const std::vector<std::string>& arguments,
+            const std::function<void()>& prepare = [] {});
+    /** Forks and runs body, as RunInChild() does but with the logger of the test. */
+    explicit Process(const std::function<void()>& body);
+    /** Kills it when nobody has waited for it. */
+    ~Process();
+    Process(const Process&) = delete;
+    Process& operator=(const Process&) = delete;
+
+    pid_t pid() const { return pid_; }
+    /** Waits for its end; once. */
+    ProcessResult Wait();
+    /** What it was, for a wait status that somebody else got; instead of Wait(). */
+    ProcessResult Ended(int status);
+
+  private:
+    android::base::unique_fd out_;
+    android::base::unique_fd err_;
+    pid_t pid_;
+};
 
 /** Runs a program (absolute path) and waits for it. */
 ProcessResult RunProgram(const std::vector<std::string>& arguments);
