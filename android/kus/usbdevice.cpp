@@ -11,24 +11,35 @@
 //     and an entry in the DeviceIdMap.
 //  4. The records are freed. The map stays until the next rescan.
 //
-// Threads and locks: none of its own. Callers keep rescans and uses of the map apart.
+// Devices that are attached already come through a decision again when their controller goes out of
+// host mode and back (usb_host_reset). The pauses there are the hardware's.
+//
+// Threads: the poll thread of a virtual dock; everything else runs on its callers'. Callers keep
+// rescans and uses of the map apart. Locks: resetLock, for the whole of a reset.
 
 #include "android/kus/usbdevice.h"
 
 #include <ctype.h>
 #include <dirent.h>
 #include <fcntl.h>
+#include <pthread.h>
 #include <stdio.h>
 #include <stdlib.h>
 #include <string.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <algorithm>
+#include <atomic>
+#include <chrono>
 #include <memory>
+#include <mutex>
 #include <sstream>
+#include <thread>
 
 #include <android-base/logging.h>
 #include <android-base/unique_fd.h>
+#include <cutils/properties.h>
 
 #include "android/kus/constants.h"
 
@@ -56,6 +67,24 @@ constexpr uint32_t kClassMassStorage = 8;
 constexpr uint32_t kClassHub = 9;
 constexpr int kPrintVerbosity = 2;
 constexpr char kTreePrefix[] = "   |__ ";
+
+constexpr char kSocPath[] = "/sys/devices/platform/soc/";
+constexpr const char* kControllerModePaths[] = {"c200000.hsusb/mode", "a800000.ssusb/mode"};
+constexpr char kHostMode[] = "host";
+constexpr char kNoMode[] = "none";
+constexpr char kDcSupply[] = "/sys/class/power_supply/dc/online";
+constexpr char kUsbSupply[] = "/sys/class/power_supply/usb/online";
+constexpr uint32_t kDisplayLinkVendor = 0x17E9;
+constexpr char kNoDisplayLink[] = "empty";
+constexpr auto kModePause = std::chrono::milliseconds(100);
+constexpr auto kPollPause = std::chrono::milliseconds(400);
+
+// Held for the whole of a reset, its pauses included.
+std::mutex resetLock;
+// Set when the running virtual dock is over; ends the poll thread. The only thing that the two
+// share: each keeps the text that it reads of a supply to itself, because it looks at no other.
+std::atomic<bool> virtualDockDone = false;
+pthread_t pollThread;
 
 struct CloseDir {
     void operator()(DIR* dir) const { closedir(dir); }
@@ -330,6 +359,113 @@ bool writeAuthorized(const char* interfaceName, char value) {
         return false;
     }
     return true;
+}
+
+bool exists(const std::string& path) {
+    struct stat info {};
+    return stat(path.c_str(), &info) == 0;
+}
+
+// Empty when the file cannot be read.
+std::string readText(const std::string& path) {
+    char text[kPathSize] = {};
+    UsbDevice::read_sysfs_val(path.c_str(), text, sizeof(text));
+    return text;
+}
+
+// A controller in peripheral mode, or in none, is not ours to switch.
+bool isInHostMode(const std::string& modePath) {
+    return exists(modePath) && readText(modePath).compare(0, strlen(kHostMode), kHostMode) == 0;
+}
+
+void writeMode(const std::string& modePath, const char* mode) {
+    UsbDevice::write_sysfs_val(modePath.c_str(), mode, strlen(mode));
+}
+
+void flipController(const std::string& modePath) {
+    if (!isInHostMode(modePath)) return;
+    writeMode(modePath, kNoMode);
+    LOG(INFO) << "usb_host_reset mode set to none for syspath: " << modePath;
+    std::this_thread::sleep_for(kModePause);
+    LOG(INFO) << "usb_host_reset mode set to host for syspath: " << modePath;
+    writeMode(modePath, kHostMode);
+    std::this_thread::sleep_for(kModePause);
+}
+
+// What acts on these properties lies outside the daemon; "reset" comes behind each.
+void announce(const char* event) {
+    property_set(event, "1");
+    property_set("persist.vendor.monitor.reset", "1");
+}
+
+void announceUndock() {
+    announce("persist.vendor.monitor.undock");
+}
+
+void announceDock() {
+    announce("persist.vendor.monitor.dock");
+}
+
+// A supply that cannot be read is not off.
+bool isOff(const std::string& online) {
+    return online[0] == '0';
+}
+
+void undockAndDock(int delay) {
+    LOG(INFO) << "virtual_undock_dock_event usbPath empty for non-display link device";
+    virtualDockDone = false;
+    if (isOff(readText(kDcSupply))) return;
+    announceUndock();
+    UsbDevice::registersysfsObserverViaThread();
+    std::this_thread::sleep_for(std::chrono::milliseconds(delay));
+    virtualDockDone = true;
+    announceDock();
+}
+
+// A text that is no number throws, and nobody catches: meant.
+bool isPowered(const std::string& online, const char* label) {
+    const int value = std::stoi(online);
+    LOG(INFO) << label << value;
+    return value == 1;
+}
+
+bool hasExternalPower() {
+    const std::string usb = readText(kUsbSupply);
+    LOG(INFO) << "USB charging_state val " << usb;
+    if (isPowered(usb, "power_supply_state val ")) return true;
+    LOG(INFO) << "virtual_undock_dock_event check for dc charge state";
+    const std::string dc = readText(kDcSupply);
+    LOG(INFO) << "DC charging_state val " << dc;
+    return isPowered(dc, "DC power_supply_state val ");
+}
+
+void flipDisplayLinkController(const std::string& modePath, int delay) {
+    LOG(INFO) << "virtual_undock_dock_event usbPath for display link device";
+    if (!isInHostMode(modePath)) return;
+    writeMode(modePath, kNoMode);
+    LOG(INFO) << "virtual_undock_dock_event mode set to none for syspath: " << modePath;
+    std::this_thread::sleep_for(std::chrono::milliseconds(delay));
+    // From here on, whatever goes wrong leaves the controller off, to spare the battery.
+    if (!exists(kUsbSupply)) return;
+    if (!hasExternalPower()) {
+        LOG(INFO) << "device is undocked, not charging state";
+        return;
+    }
+    LOG(INFO) << "virtual_undock_dock_event mode set to host for syspath: " << modePath;
+    writeMode(modePath, kHostMode);
+    std::this_thread::sleep_for(kModePause);
+}
+
+// The mode file of the controller that a device-tree path such as /soc/ssusb@a800000/dwc3@a800000
+// names: the kernel calls the platform device of a node "name@address" "address.name". Empty for a
+// path without such a node, "(null)" included.
+std::string modePathOf(const std::string& devspec) {
+    constexpr size_t kControllerNode = 2;
+    const std::vector<std::string> nodes = UsbDevice::split(devspec, '/');
+    if (nodes.size() <= kControllerNode) return "";
+    const std::vector<std::string> pieces = UsbDevice::split(nodes[kControllerNode], '@');
+    if (pieces.size() < 2) return "";
+    return kSocPath + pieces[1] + "." + pieces[0] + "/mode";
 }
 
 void inspectEntries(DIR* dir) {
@@ -723,6 +859,70 @@ void UsbDevice::dump_print_test(int fd) {
     }
     freeAllNodes();
     print_deviceid_map(fd);
+}
+
+// --- Controllers, dock and power supplies ------------------------------------------------------
+
+void UsbDevice::usb_host_reset(int delay) {
+    LOG(INFO) << "usb_host_reset entered:";
+    const std::lock_guard<std::mutex> lock(resetLock);
+    if (delay >= 1) {
+        virtual_undock_dock_event(delay);
+        return;
+    }
+    for (const char* path : kControllerModePaths) flipController(std::string(kSocPath) + path);
+}
+
+void UsbDevice::virtual_undock_dock_event(int delay) {
+    const std::string modePath = get_displaylink_soc_path();
+    LOG(INFO) << "virtual_undock_dock_event usbPath : " << modePath;
+    if (modePath == kNoDisplayLink) {
+        undockAndDock(delay);
+    } else {
+        flipDisplayLinkController(modePath, delay);
+    }
+}
+
+std::string UsbDevice::get_displaylink_soc_path() {
+    const auto device = std::find_if(DeviceIdMap.begin(), DeviceIdMap.end(), [](const auto& item) {
+        return item.second.idVendor == kDisplayLinkVendor;
+    });
+    if (device == DeviceIdMap.end()) return kNoDisplayLink;
+
+    // One character of the bus number: of bus 10 the root hub of bus 1 is asked. Meant.
+    const std::string path =
+            std::string(kUsbDevicesPath) + "/usb" + device->second.interface_name[0] + "/devspec";
+    LOG(INFO) << "get_displaylink_soc_path " << path;
+    const std::string devspec = readText(path);
+    if (devspec.empty()) return "";
+    LOG(INFO) << "get_displaylink_soc_path devspec_val : " << devspec;
+    return modePathOf(devspec);
+}
+
+void UsbDevice::registersysfsObserverViaThread() {
+    const int result = pthread_create(&pollThread, nullptr, registersysfsObserver, nullptr);
+    // The text of another observer: meant.
+    LOG(INFO) << "registerFileObserverViaThread result--" << result;
+}
+
+void* UsbDevice::registersysfsObserver(void* /*argument*/) {
+    readSysfsChangeEvent();
+    return nullptr;
+}
+
+void UsbDevice::readSysfsChangeEvent() {
+    while (!virtualDockDone) {
+        const std::string online = readText(kDcSupply);
+        LOG(INFO) << "readSysfsChangeEvent:polling for power_val " << kDcSupply
+                  << "power_val:" << online;
+        if (isOff(online)) {
+            LOG(INFO) << "readSysfsChangeEvent: undocked power_val" << online;
+            announceDock();
+            return;
+        }
+        std::this_thread::sleep_for(kPollPause);
+    }
+    LOG(INFO) << "readSysfsChangeEvent:exit poll due to virtual dock";
 }
 
 // --- Sysfs access ------------------------------------------------------------------------------

@@ -126,9 +126,9 @@ struct DeviceIdEntry {
 /**
  * The USB devices as the kernel shows them in sysfs, and the switch that blocks them.
  *
- * All state is process-wide; there are no objects. Nothing here takes a lock: a rescan must not
- * overlap another rescan or a look into the map, and callers see to that. The sysfs primitives
- * have no state and may be called from any thread.
+ * All state is process-wide; there are no objects. Nothing here but usb_host_reset() takes a lock:
+ * a rescan must not overlap another rescan or a look into the map, and callers see to that. The
+ * sysfs primitives have no state and may be called from any thread.
  *
  * A device id is bus number * 1000 + device number. No operation reports a failure other than by
  * its result: what cannot be read is missing from the picture, with a message in the log, on
@@ -194,6 +194,48 @@ class UsbDevice {
 
     /** Rescans and prints tree, interfaces and map. */
     static void dump_print_test(int fd);
+
+    // --- Controllers, dock and power supplies --------------------------------------------------
+
+    /**
+     * Makes the attached devices enumerate again, and returns when that is under way.
+     *
+     * delay 0 or less flips each controller that is in host mode to "none" and back, 0.2 s each.
+     * delay 1 or more is a virtual undock and dock, that many milliseconds apart.
+     *
+     * Any thread may call it; resets wait for each other, each for the whole time of the others. A
+     * controller that cannot be read or written stays as it is.
+     */
+    static void usb_host_reset(int delay);
+
+    /**
+     * The virtual undock and dock of usb_host_reset(), which alone calls it; delay in milliseconds.
+     *
+     * With a DisplayLink device in the map its controller is switched off for delay, and on again
+     * only when there is external power by then. Without one, and on DC power, the platform is told
+     * by properties, and for the time of delay a thread watches the DC supply.
+     *
+     * A supply whose text is no number ends the process (uncaught conversion failure, SIGABRT).
+     */
+    static void virtual_undock_dock_event(int delay);
+
+    /**
+     * The mode file of the controller on which the map's first DisplayLink device hangs.
+     *
+     * "empty" without such a device. An empty text when the root hub's "devspec", the path of the
+     * controller's device-tree node, cannot be read or does not name a controller.
+     */
+    static std::string get_displaylink_soc_path();
+
+    /** Starts the thread that watches the DC supply; a failure is only logged. */
+    static void registersysfsObserverViaThread();
+    /** Entry of that thread, its argument unused; returns null. */
+    static void* registersysfsObserver(void* argument);
+    /**
+     * Polls the DC supply every 400 ms until the running virtual dock is over, or the terminal
+     * leaves the supply; then the platform is told at once.
+     */
+    static void readSysfsChangeEvent();
 
     // --- Sysfs access --------------------------------------------------------------------------
 
