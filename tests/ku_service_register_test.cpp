@@ -60,6 +60,14 @@ constexpr char kBrokenConfig[] =
 const std::string kAddService = "I addService kusbservice isolated:0 priority:8 interface:" +
                                 std::string("android.kus.IKUsbService");
 
+const std::string kRegistered = "I kus service Registered successfully";
+
+// What the observer's thread says.
+const std::string kWatching = "I registered successfully file observer";
+const std::string kNoDirectory = "I No directory";
+const std::string kNotWatching =
+        "E -1 < 0 Could not register INotify for" + std::string(configDirPath);
+
 // Logs what it is asked, so that it has its place among the daemon's own lines.
 class FakeServiceManager : public IServiceManager {
   public:
@@ -112,23 +120,46 @@ class RegisterTest : public ::testing::Test {
             const sp<FakeServiceManager> manager = new FakeServiceManager(answer);
             setDefaultServiceManager(manager);
             KUsbService::Register();
+            WaitForLogLine(Exists(configDirPath) ? kWatching : kNotWatching);
             if (use) use(manager->Service());
         });
     }
 
-    static Lines StartLines() { return linesOf(Start().err); }
+    // The observer's lines come last, whichever thread was faster.
+    static Lines LinesOf(const ProcessResult& child) {
+        Lines lines = linesOf(child.err);
+        std::stable_partition(std::find(lines.begin(), lines.end(), kRegistered), lines.end(),
+                              [](const std::string& line) { return !IsObserversLine(line); });
+        return lines;
+    }
+
+    static Lines StartLines() { return LinesOf(Start()); }
+
+  private:
+    static bool IsObserversLine(const std::string& line) {
+        return line == kWatching || line == kNoDirectory || line == kNotWatching;
+    }
 };
+
+Lines withSubstring(const std::string& part, const Lines& lines) {
+    Lines found;
+    for (const std::string& line : lines) {
+        if (line.find(part) != std::string::npos) found.push_back(line);
+    }
+    return found;
+}
 
 // The lines from this one on; none when it is not there.
 Lines from(const std::string& first, const Lines& lines) {
     return {std::find(lines.begin(), lines.end(), first), lines.end()};
 }
 
-const Lines kAdding = {"I Register called in ku_service", kAddService,
-                       "I kus service Registered successfully"};
-
-Lines withAdding(Lines lines) {
-    lines.insert(lines.end(), kAdding.begin(), kAdding.end());
+// With what follows the parse, its report and the backup.
+Lines withAdding(Lines lines, const Lines& observers = {kWatching}) {
+    const Lines adding = {"I Register called in ku_service", kAddService, kRegistered,
+                          "I registerFileObserverViaThread result--0"};
+    lines.insert(lines.end(), adding.begin(), adding.end());
+    lines.insert(lines.end(), observers.begin(), observers.end());
     return lines;
 }
 
@@ -148,7 +179,7 @@ TEST_F(RegisterTest, ParsesReportsBacksUpAndThenAddsTheService) {
     const ProcessResult child = Start();
     EXPECT_EQ(0, child.status);
     EXPECT_EQ(0, child.signal);
-    EXPECT_THAT(linesOf(child.err),
+    EXPECT_THAT(LinesOf(child),
                 ElementsAreArray(
                         withAdding({"I  parsing register createmap called", "I attribute--default",
                                     "I  updating error fle with success", kStatusSuccess,
@@ -216,7 +247,7 @@ TEST_F(RegisterTest, WritesSuccessOverTheParsersOwnText) {
     errorMessage = "INVALID MODE";
     WriteFile(configFilePath, "<usbconfig mode=\"whitelist\"/>\n");
     const ProcessResult child = Start([](KUsbService*) { printf("%s", errorMessage.c_str()); });
-    EXPECT_THAT(linesOf(child.err),
+    EXPECT_THAT(LinesOf(child),
                 ElementsAreArray(withAdding(
                         {"I  parsing register createmap called", "I attribute--whitelist",
                          "I no element, blocking all device",
@@ -288,8 +319,46 @@ TEST_F(RegisterTest, ServesWithoutAConfigurationFile) {
 TEST_F(RegisterTest, ServesWithoutTheDirectory) {
     Remove(configDirPath);
     EXPECT_THAT(from("I  parsing failed", StartLines()),
-                ElementsAreArray(withAdding({"I  parsing failed"})));
+                ElementsAreArray(withAdding({"I  parsing failed"}, {kNoDirectory, kNotWatching})));
     EXPECT_FALSE(Exists(configDirPath));
+}
+
+// --- The observer ------------------------------------------------------------------------------
+
+TEST_F(RegisterTest, FollowsTheFileFromThenOn) {
+    WriteFile(configFilePath, kBrokenConfig);
+    const ProcessResult child = Start([](KUsbService* service) {
+        WriteFile(configFilePath, kWhitelistConfig);
+        WaitForLogLine("I usb_host_reset entered:");
+        DeviceInfo info;
+        info.deviceType = 1;
+        info.interfaceClasses = {7};
+        bool result = true;
+        service->isDeviceAllowed(info, &result);
+        printf("%d", result);
+    });
+    EXPECT_EQ(0, child.status);
+    EXPECT_EQ("0", child.out);
+    EXPECT_EQ("SUCCESS", ReadFile(statusFilePath));
+    EXPECT_EQ(kWhitelistConfig, ReadFile(backupFilePath));
+}
+
+// Its own writes at the start come before the watch.
+TEST_F(RegisterTest, DoesNotTakeItsOwnWritesForNewFiles) {
+    WriteFile(configFilePath, kDefaultConfig);
+    const ProcessResult child = Start([](KUsbService*) {
+        WriteFile(std::string(configDirPath) + "/marker", "");
+        WaitForLogLine(
+                "I CLOSE_WRITE event triggered on filename /data/system/usbdeviceconfig/"
+                "marker");
+    });
+    EXPECT_EQ(1U, withSubstring("CLOSE_WRITE", linesOf(child.err)).size());
+}
+
+TEST_F(RegisterTest, StartsNoObserverForAServiceThatCannotBeAdded) {
+    WriteFile(configFilePath, kDefaultConfig);
+    EXPECT_THAT(linesOf(Start({}, PERMISSION_DENIED).err),
+                Not(Contains(HasSubstr("registerFileObserverViaThread"))));
 }
 
 // --- A service manager that refuses ------------------------------------------------------------
@@ -329,14 +398,6 @@ void useAllOperations(KUsbService* service) {
     service->updateDeviceList(DeviceInfo(), 0);
     service->unregisterKusCallback(clients[0]);
     service->unregisterKusCallback(clients[1]);
-}
-
-Lines withSubstring(const std::string& part, const Lines& lines) {
-    Lines found;
-    for (const std::string& line : lines) {
-        if (line.find(part) != std::string::npos) found.push_back(line);
-    }
-    return found;
 }
 
 class VerboseLogging : public RegisterTest {

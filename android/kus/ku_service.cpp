@@ -9,16 +9,28 @@
 //  3. addDeviceList() tells every registered client and records the verdict with its reason.
 //  4. updateDeviceList(info, 0) forgets it when it goes, and tells the clients.
 //
-// Threads: Register() runs on the main thread before the pool starts; everything else on binder
-// threads. Clients are called on the thread that made the change, one after another.
+// The way of the rules: Register() reads the file; from then on the observer thread reads it each
+// time that it was written. Good rules become the backup, and a reset makes all devices come again.
+// Bad rules are overwritten with the backup.
+//
+// Threads: Register() runs on the main thread before the pool starts, the observer on its own;
+// everything else on binder threads. Clients are called on the thread that made the change, one
+// after another.
 //
 // Locks: the registry mutex, which binderDied() alone takes. The lists, the registry's other users
 // and the rules have none: decisions must not overlap each other or a parse.
 
 #include "android/kus/ku_service.h"
 
+#include <errno.h>
+#include <pthread.h>
+#include <stdio.h>
 #include <string.h>
+#include <sys/inotify.h>
+#include <sys/stat.h>
+#include <unistd.h>
 
+#include <algorithm>
 #include <memory>
 #include <utility>
 
@@ -39,6 +51,7 @@ using binder::Status;
 namespace {
 
 constexpr char kServiceName[] = "kusbservice";
+constexpr char kConfigFileName[] = "usb_device_config.xml";
 constexpr char kModeDefault[] = "default";
 constexpr char kModeBlacklist[] = "blacklist";
 constexpr int32_t kUsbDeviceType = 0;
@@ -46,6 +59,13 @@ constexpr int32_t kClassHid = 3;
 
 // Logs the clients' addresses as well; set by Register() on "userdebug" builds.
 bool verboseLogging = false;
+
+// The observer's, open for the rest of the process's life.
+pthread_t observerThread;
+int inotifyFd = -1;
+int directoryWatch = -1;
+// The backup was copied over a bad file: the event of that copy is not a new file.
+bool restored = false;
 
 // What the rules say of a device, before the mode makes a verdict of it.
 struct Match {
@@ -163,6 +183,63 @@ void logDecision(const std::string& mode, const DeviceInfo& info, const Verdict&
               << " ], InterfaceClassCount: " << info.interfaceClasses.size()
               << ", VendorId: " << info.vendorId << ", ProductId: " << info.productId
               << ", Status: " << verdict.allowed << ", Reason: " << verdict.reason << " }";
+}
+
+bool isDirectory(const char* path) {
+    struct stat info {};
+    return stat(path, &info) == 0 && S_ISDIR(info.st_mode);
+}
+
+void takeGoodFile() {
+    errorMessage = "SUCCESS";
+    if (restored) {
+        // The rules that were in force before the bad file: all is as it was.
+        restored = false;
+        return;
+    }
+    LOG(INFO) << "Parsing success, so update status file and create backup";
+    Util::updateErrorFile(statusFilePath, errorMessage);
+    Util::copyFileContent(configFilePath, backupFilePath);
+    UsbDevice::usb_host_reset(0);
+}
+
+// A backup that is bad itself comes here again and again: meant.
+void replaceBadFile() {
+    LOG(INFO) << "Parsing failure, copying backup file content";
+    Util::copyFileContent(backupFilePath, configFilePath);
+    restored = true;
+}
+
+void takeConfigFile() {
+    LOG(INFO) << "Admin usb_device_config.xml config file call parsing";
+    Util::createMapFromConfig(configFilePath);
+    LOG(INFO) << "Parsing status xml_parse_status " << xml_parse_status;
+    if (xml_parse_status) {
+        takeGoodFile();
+    } else {
+        replaceBadFile();
+    }
+}
+
+// name is the event's, without the zeros that pad it.
+void takeEvent(const inotify_event& event, const std::string& name) {
+    if (name.empty() || event.wd != directoryWatch) return;
+    if ((event.mask & IN_CLOSE_WRITE) == 0) return;
+    LOG(INFO) << "CLOSE_WRITE event triggered on filename " << configDirPath << "/" << name;
+    if (name == kConfigFileName) takeConfigFile();
+}
+
+// The kernel puts whole events into a buffer, each with its name behind it (inotify(7)).
+void takeEvents(const char* buffer, size_t length) {
+    size_t offset = 0;
+    while (length - offset >= sizeof(inotify_event)) {
+        inotify_event event;
+        memcpy(&event, buffer + offset, sizeof(event));
+        offset += sizeof(event);
+        const size_t nameLength = std::min<size_t>(event.len, length - offset);
+        takeEvent(event, std::string(buffer + offset, strnlen(buffer + offset, nameLength)));
+        offset += nameLength;
+    }
 }
 
 DeviceInfo makeRecord(const DeviceInfo& info, bool allowed, const std::string& reason) {
@@ -394,13 +471,45 @@ Status KUsbService::isDeviceAllowed(const DeviceInfo& info, bool* result) {
     return Status::ok();
 }
 
-Status KUsbService::resetUsbDevices(int32_t /*value*/) {
-    // Resetting controllers is not built yet; nothing happens and nothing claims that it did.
+Status KUsbService::resetUsbDevices(int32_t value) {
+    LOG(INFO) << "resetUsbDevices called";
+    UsbDevice::usb_host_reset(value);
     return Status::ok();
 }
 
 void KUsbService::registerFileObserverViaThread() {
-    // Following the file is not built yet: the rules are those of the start.
+    const int result = pthread_create(&observerThread, nullptr, registerFileObserver, nullptr);
+    LOG(INFO) << "registerFileObserverViaThread result--" << result;
+}
+
+void* KUsbService::registerFileObserver(void* /*argument*/) {
+    // NOLINTNEXTLINE(android-cloexec-inotify-init): the daemon executes no other program.
+    inotifyFd = inotify_init();
+    if (!isDirectory(configDirPath)) LOG(INFO) << "No directory";
+    directoryWatch = inotify_add_watch(inotifyFd, configDirPath, IN_ALL_EVENTS);
+    if (directoryWatch < 0) {
+        LOG(ERROR) << directoryWatch << " < 0 Could not register INotify for" << configDirPath;
+    } else {
+        LOG(INFO) << "registered successfully file observer";
+    }
+    readFileChangeEvent();
+    return nullptr;
+}
+
+void KUsbService::readFileChangeEvent() {
+    char buffer[512];
+    while (true) {
+        errno = 0;
+        const ssize_t length = read(inotifyFd, buffer, sizeof(buffer));
+        if (length >= static_cast<ssize_t>(sizeof(inotify_event))) {
+            takeEvents(buffer, length);
+        } else if (errno == EINTR) {
+            LOG(INFO) << "(errno == EINTR)";
+        } else {
+            LOG(INFO) << "Could not get read event, " << strerror(errno);
+            return;
+        }
+    }
 }
 
 }  // namespace android::kus

@@ -48,6 +48,7 @@ class KUsbService : public BnKUsbService {
     binder::Status updateDeviceList(const DeviceInfo& info, int32_t status) override;
     /** The verdict, its enforcement in the kernel, and its record. */
     binder::Status isDeviceAllowed(const DeviceInfo& info, bool* result) override;
+    /** 0 or less flips every controller, else a virtual dock of that many ms; waits for its end. */
     binder::Status resetUsbDevices(int32_t value) override;
 
     // --- Lists ---------------------------------------------------------------------------------
@@ -86,8 +87,17 @@ class KUsbService : public BnKUsbService {
 
     // --- Configuration observer ----------------------------------------------------------------
 
-    /** Starts the thread that follows the configuration file. */
+    /** Starts the thread that follows the configuration file; a failure is only logged. */
     static void registerFileObserverViaThread();
+    /** Entry of that thread, its argument unused: watches the directory (inotify). Returns null. */
+    static void* registerFileObserver(void* argument);
+    /**
+     * Takes over the file each time that it is closed after writing; returns when its events can
+     * no longer be read.
+     *
+     * A file renamed into place is not noticed: it is not closed there.
+     */
+    static void readFileChangeEvent();
 
   private:
     /** The first entry of the binder, or the end. */
