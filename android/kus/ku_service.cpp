@@ -39,6 +39,7 @@
 #include <binder/IServiceManager.h>
 #include <cutils/properties.h>
 #include <utils/String16.h>
+#include <utils/String8.h>
 
 #include "android/kus/constants.h"
 #include "android/kus/usbdevice.h"
@@ -52,6 +53,7 @@ namespace {
 
 constexpr char kServiceName[] = "kusbservice";
 constexpr char kConfigFileName[] = "usb_device_config.xml";
+constexpr char kNone[] = "<none>";
 constexpr char kModeDefault[] = "default";
 constexpr char kModeBlacklist[] = "blacklist";
 constexpr int32_t kUsbDeviceType = 0;
@@ -240,6 +242,43 @@ void takeEvents(const char* buffer, size_t length) {
         takeEvent(event, std::string(buffer + offset, strnlen(buffer + offset, nameLength)));
         offset += nameLength;
     }
+}
+
+// Appends "name;" unless the text holds the name already, be it as a part of another: meant.
+void appendOnce(std::string* text, const std::string& name) {
+    if (text->find(name) == std::string::npos) *text += name + ";";
+}
+
+struct ClassTexts {
+    std::string classes;
+    std::string restricted;
+};
+
+ClassTexts sourceTexts(const DeviceInfo& info) {
+    ClassTexts texts;
+    for (const int code : Util::checkMultiClass(info.deviceClass)) {
+        texts.classes += Util::getClassName(code) + ";";
+    }
+    texts.restricted = kNone;
+    return texts;
+}
+
+ClassTexts interfaceTexts(const DeviceInfo& info) {
+    ClassTexts texts;
+    for (const int32_t code : info.interfaceClasses) {
+        const std::string name = Util::getClassName(code);
+        LOG(INFO) << "dumpPrint--" << name;
+        appendOnce(Util::validateRestrictedClass(code) ? &texts.restricted : &texts.classes, name);
+    }
+    if (texts.restricted.empty()) {
+        LOG(INFO) << "restrictedClassList is null";
+        texts.restricted = kNone;
+    } else if (texts.classes.empty()) {
+        // Only here: without restricted classes an empty class text stays empty. Meant.
+        LOG(INFO) << "interfaceClassListStr is null";
+        texts.classes = kNone;
+    }
+    return texts;
 }
 
 DeviceInfo makeRecord(const DeviceInfo& info, bool allowed, const std::string& reason) {
@@ -475,6 +514,42 @@ Status KUsbService::resetUsbDevices(int32_t value) {
     LOG(INFO) << "resetUsbDevices called";
     UsbDevice::usb_host_reset(value);
     return Status::ok();
+}
+
+status_t KUsbService::dump(int fd, const Vector<String16>& args) {
+    if (!args.empty()) {
+        LOG(INFO) << "args[0] is" << String8(args[0]).string();
+        if (args[0] == String16("test")) {
+            dprintf(fd, "USB Test \n");
+            UsbDevice::dump_print_test(fd);
+        }
+        return OK;
+    }
+    dprintf(fd, "USB DEVICE INFO ");
+    LOG(INFO) << "mInputDeviceInfoList size " << mInputDeviceInfoList.size()
+              << "mUsbDeviceInfoList size " << mUsbDeviceInfoList.size();
+    for (const auto& [id, record] : mInputDeviceInfoList) dumpPrint(fd, *record);
+    for (const auto& [id, record] : mUsbDeviceInfoList) dumpPrint(fd, *record);
+    return OK;
+}
+
+// NOLINTNEXTLINE(performance-unnecessary-value-param): by value is part of its interface.
+void KUsbService::dumpPrint(int fd, DeviceInfo info) {
+    LOG(INFO) << "Dump DeviceInfo:= { DeviceId:" << info.deviceId
+              << ", DeviceName: " << info.deviceName
+              << ", ClassName: " << Util::getClassName(info.deviceClass) << "[ " << info.deviceClass
+              << "] , VendorId: " << info.vendorId << ", ProductId: " << info.productId << " }";
+    const ClassTexts texts = isUsbDevice(info) ? interfaceTexts(info) : sourceTexts(info);
+    LOG(INFO) << "interfaceClassListStr " << texts.classes;
+    dprintf(fd, "\nDevice name : %s", info.deviceName.c_str());
+    dprintf(fd, "\n   Device type(1=HID/0=Non-HID) : %d", info.deviceType);
+    dprintf(fd, "\n   DeviceID : %u", static_cast<uint32_t>(info.deviceId));
+    dprintf(fd, "\n   Device class name : %s", texts.classes.c_str());
+    dprintf(fd, "\n   Restricted class name : %s", texts.restricted.c_str());
+    dprintf(fd, "\n   Device Vendor Id : %d", info.vendorId);
+    dprintf(fd, "\n   Device Product Id : %d", info.productId);
+    dprintf(fd, "\n   Device status(1-enabled/0-disabled): %d", info.status);
+    dprintf(fd, "\n   Reason : %s\n", info.reason.c_str());
 }
 
 void KUsbService::registerFileObserverViaThread() {

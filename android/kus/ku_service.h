@@ -15,7 +15,10 @@
 #include <android/kus/IKUsbServiceCallback.h>
 #include <binder/IBinder.h>
 #include <binder/Status.h>
+#include <utils/Errors.h>
+#include <utils/String16.h>
 #include <utils/StrongPointer.h>
+#include <utils/Vector.h>
 
 namespace android::kus {
 
@@ -50,6 +53,17 @@ class KUsbService : public BnKUsbService {
     binder::Status isDeviceAllowed(const DeviceInfo& info, bool* result) override;
     /** 0 or less flips every controller, else a virtual dock of that many ms; waits for its end. */
     binder::Status resetUsbDevices(int32_t value) override;
+
+    // --- Diagnostics ---------------------------------------------------------------------------
+
+    /**
+     * Prints the judged devices, or with the first argument "test" what sysfs shows now; with any
+     * other first argument nothing. The descriptor stays the caller's. Always 0.
+     */
+    status_t dump(int fd, const Vector<String16>& args) override;
+
+    /** Prints one judged device. */
+    static void dumpPrint(int fd, DeviceInfo info);
 
     // --- Lists ---------------------------------------------------------------------------------
 
