@@ -1,18 +1,23 @@
 // Copyright (C) 2026 The kusd authors
 // SPDX-License-Identifier: Apache-2.0
 
+#include <signal.h>
 #include <stdlib.h>
 #include <sys/stat.h>
+#include <unistd.h>
 
 #include <fstream>
+#include <ostream>
 #include <string_view>
 
 #include <android-base/logging.h>
+#include <backtrace/Backtrace.h>
 #include <binder/IPCThreadState.h>
 #include <binder/ProcessState.h>
 
 #include "android/kus/constants.h"
 #include "android/kus/ku_service.h"
+#include "android/kus/util.h"
 
 namespace android::kus {
 namespace {
@@ -46,7 +51,48 @@ void runStartupTasks() {
     writeDefaultConfig();
 }
 
+// Room for the slowest unwinding.
+constexpr unsigned int kCrashTimeoutSeconds = 30;
+
+// Rules that crash the daemon would crash it at every start: the last good ones come back first.
+// It logs and allocates, which a signal handler may not: the process ends here in any case. It must
+// take no lock that the thread may hold already.
+void signalHandler(int signum, siginfo_t* /*info*/, void* /*context*/) {
+    // A fault inside the allocator would wait for itself below, and init for the exit.
+    alarm(kCrashTimeoutSeconds);
+    // The same text for every signal: meant.
+    LOG(INFO) << "Segmentation fault"
+              << "signum" << signum << std::endl;
+    // The observer would take the copy for new rules, and the exit cut its reset in two: a
+    // controller that is left in "none" stays there.
+    KUsbService::stopFileObserver();
+    Util::copyFileContent(backupFilePath, configFilePath);
+    Util::updateErrorFile(statusFilePath, "Unable to apply the USB Admin config rules");
+
+    Backtrace* stack = Backtrace::Create(BACKTRACE_CURRENT_PROCESS, BACKTRACE_CURRENT_THREAD);
+    if (!stack->Unwind(0)) {
+        LOG(ERROR) << "signalHandler"
+                   << ": Failed to unwind callstack.";
+    }
+    LOG(INFO) << "Stack Trace" << std::endl;
+    for (size_t frame = 0; frame < stack->NumFrames(); ++frame) {
+        LOG(ERROR) << stack->FormatFrameData(frame);
+    }
+    exit(signum);
+}
+
+void installCrashHandler() {
+    struct sigaction action {};
+    action.sa_sigaction = signalHandler;
+    action.sa_flags = SA_SIGINFO;
+    sigemptyset(&action.sa_mask);
+    for (const int signum : {SIGSEGV, SIGABRT}) sigaction(signum, &action, nullptr);
+}
+
 void serve() {
+    installCrashHandler();
+    // A client that hangs up while its dump is being written is no reason to end.
+    signal(SIGPIPE, SIG_IGN);
     KUsbService::Register();
     sp<ProcessState> process = ProcessState::self();
     process->startThreadPool();

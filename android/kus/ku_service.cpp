@@ -31,6 +31,7 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <atomic>
 #include <memory>
 #include <utility>
 
@@ -68,6 +69,7 @@ int inotifyFd = -1;
 int directoryWatch = -1;
 // The backup was copied over a bad file: the event of that copy is not a new file.
 bool restored = false;
+std::atomic<bool> observerStopped = false;
 
 // What the rules say of a device, before the mode makes a verdict of it.
 struct Match {
@@ -228,7 +230,7 @@ void takeEvent(const inotify_event& event, const std::string& name) {
     if (name.empty() || event.wd != directoryWatch) return;
     if ((event.mask & IN_CLOSE_WRITE) == 0) return;
     LOG(INFO) << "CLOSE_WRITE event triggered on filename " << configDirPath << "/" << name;
-    if (name == kConfigFileName) takeConfigFile();
+    if (name == kConfigFileName && !observerStopped) takeConfigFile();
 }
 
 // The kernel puts whole events into a buffer, each with its name behind it (inotify(7)).
@@ -585,6 +587,10 @@ void KUsbService::readFileChangeEvent() {
             return;
         }
     }
+}
+
+void KUsbService::stopFileObserver() {
+    observerStopped = true;
 }
 
 }  // namespace android::kus

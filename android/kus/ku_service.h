@@ -113,6 +113,12 @@ class KUsbService : public BnKUsbService {
      */
     static void readFileChangeEvent();
 
+    /**
+     * From now on no file is taken over: the process is ending, and what the crash handler does to
+     * the files is nobody's rules. Any thread, a signal handler included.
+     */
+    static void stopFileObserver();
+
   private:
     /** The first entry of the binder, or the end. */
     CallbackMap::iterator findCallback(IBinder* binder);
