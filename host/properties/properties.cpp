@@ -38,10 +38,6 @@ std::string pathOf(const std::string& name) {
     return std::string(kPropertyDir) + "/" + name;
 }
 
-bool isReadOnly(const char* name) {
-    return base::StartsWith(name, "ro.");
-}
-
 int fail(int error) {
     errno = error;
     return -1;
@@ -58,12 +54,6 @@ int copyValue(const std::string& from, char* to) {
     const size_t length = from.copy(to, kMaxValueLength);
     to[length] = '\0';
     return static_cast<int>(length);
-}
-
-// Other users read properties whatever umask the process has that happens to come first.
-bool makeDirectory() {
-    if (mkdir(kPropertyDir, 0755) == 0) return chmod(kPropertyDir, 0755) == 0;
-    return errno == EEXIST;
 }
 
 // A file that its owner fills and then publishes under a property's name; unpublished, it vanishes.
@@ -118,6 +108,16 @@ bool isValidPropertyName(const char* name) {
     return std::all_of(text.begin(), text.end(), isNameCharacter);
 }
 
+bool isReadOnlyProperty(const char* name) {
+    return base::StartsWith(name, "ro.");
+}
+
+// Other users read properties whatever umask the process has that happens to come first.
+bool makePropertyDir() {
+    if (mkdir(kPropertyDir, 0755) == 0) return chmod(kPropertyDir, 0755) == 0;
+    return errno == EEXIST;
+}
+
 }  // namespace android::properties
 
 using namespace android::properties;  // NOLINT(google-build-using-namespace)
@@ -142,11 +142,11 @@ int32_t property_get_int32(const char* key, int32_t default_value) {
 int property_set(const char* key, const char* value) {
     const std::string text = value == nullptr ? "" : value;
     if (!isValidPropertyName(key) || text.size() > kMaxValueLength) return fail(EINVAL);
-    if (!makeDirectory()) return -1;
+    if (!makePropertyDir()) return -1;
 
     NewValue file;
     if (!file.write(text)) return -1;
-    const bool published = isReadOnly(key) ? file.publishOnce(key) : file.replace(key);
+    const bool published = isReadOnlyProperty(key) ? file.publishOnce(key) : file.replace(key);
     return published ? 0 : -1;
 }
 

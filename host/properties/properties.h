@@ -28,4 +28,11 @@ constexpr char kPropertyDir[] = "/run/kus-properties";
 // which also makes every valid name a harmless file name.
 bool isValidPropertyName(const char* name);
 
+// Whether a property of this valid name can be set only once.
+bool isReadOnlyProperty(const char* name);
+
+// Makes kPropertyDir, readable for all; true if it was there, also as something that is no
+// directory. False with errno set when it cannot be made.
+bool makePropertyDir();
+
 }  // namespace android::properties
