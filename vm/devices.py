@@ -84,7 +84,7 @@ class Gadget:
         for function, its_name in zip(self.functions, self._names(name)):
             for attribute, value in function.attributes.items():
                 attributes[f"functions/{its_name}/{attribute}"] = value
-        lines = ["set -e", "mkdir -p " + " ".join(directories)]
+        lines = ["set -e", _needs_controller(controller), "mkdir -p " + " ".join(directories)]
         if any(function.kind == "mass_storage" for function in self.functions):
             lines.append(f"truncate -s 1M {DISK_IMAGE}")
         lines += [f"printf {shlex.quote(_octal(value))} > {base}/{attribute}"
@@ -94,14 +94,16 @@ class Gadget:
         lines.append(f"echo dummy_udc.{controller} > {base}/UDC")
         return "\n".join(lines)
 
-    def unplug_script(self, name: str, stop_on_error: bool = True) -> str:
-        """Shell text that disconnects the gadget and takes it apart, also a half made one if it
-        is not to stop on errors."""
+    def unplug_script(self, name: str, controller: int) -> str:
+        """Shell text that disconnects the gadget and takes it apart."""
+        return "\n".join(["set -e", _needs_controller(controller), self.clean_up_script(name)])
+
+    def clean_up_script(self, name: str) -> str:
+        """The same for one that is only half made."""
         base = f"/sys/kernel/config/usb_gadget/{name}"
         links = " ".join(f"{base}/configs/c.1/{function}" for function in self._names(name))
         functions = " ".join(f"{base}/functions/{function}" for function in self._names(name))
         return "\n".join([
-            "set -e" if stop_on_error else "set +e",
             f"echo > {base}/UDC",
             f"rm {links}",
             f"rmdir {base}/configs/c.1/strings/0x409 {base}/configs/c.1 {functions}",
@@ -131,6 +133,14 @@ class Device:
         if not isinstance(self.made_by, Gadget):
             raise ValueError(f"{self.name} is no gadget: its ids are fixed")
         return dataclasses.replace(self, vendor=vendor, product=product)
+
+
+def _needs_controller(number: int) -> str:
+    """dummy_hcd brings the kernel down if a gadget comes or goes while it has no driver, which the
+    mode "none" takes from it."""
+    name = f"dummy_hcd.{number}"
+    return (f"[ -e /sys/bus/platform/drivers/dummy_hcd/{name} ] || "
+            f"{{ echo '{name} is not in host mode' >&2; exit 1; }}")
 
 
 def _octal(value: bytes) -> str:

@@ -12,8 +12,9 @@ What goes in:
 
 * busybox and the scripts of vm/rootfs/;
 * the kernel modules named in MODULES with everything they depend on, and /etc/modules, the order
-  to load them in. The dependencies are read from the modules themselves: a kernel package that was
-  unpacked and not installed carries no modules.dep;
+  to load them in. One of them, kus_soc, is the terminal's own (vm/module/). The dependencies are
+  read from the modules themselves: a kernel package that was unpacked and not installed carries no
+  modules.dep;
 * the terminal's programs, without their debug information, and the shared libraries they need.
 
 The archive is written anew only when something that goes into it has changed.
@@ -41,6 +42,8 @@ MODULES: dict[str, str] = {
     "binder_linux": "",
     # QEMU's hub does not wake its host for a change on a port: asleep it would hide its devices.
     "usbcore": "autosuspend=-1",
+    # Modes of the USB controllers, power supplies; before the controllers' own drivers.
+    "kus_soc": "",
     # USB 2 and 3 ports that QEMU plugs devices into; loaded before dummy_hcd to be buses 1 and 2.
     "xhci_pci": "",
     # Six controllers, each with a gadget side of its own.
@@ -66,7 +69,7 @@ MODULES: dict[str, str] = {
 
 # Where a program comes from decides nothing about where it goes: all are in the terminal's PATH.
 PROGRAMS = ("kusd", "kus-hotplug", "kus-client")
-PLATFORM_PROGRAMS = ("servicemanager", "service", "getprop", "setprop")
+PLATFORM_PROGRAMS = ("servicemanager", "service", "getprop", "setprop", "watchprops")
 CHANNEL = "vm-channel"
 
 TRIPLET = "aarch64-linux-gnu"
@@ -195,6 +198,7 @@ class Sources:
     """Where the parts come from."""
 
     kernel: Path = BUILD / "deps/kernel-arm64"
+    module: Path = BUILD / "module"
     sysroot: Path = BUILD / "deps/sysroot-arm64"
     platform: Path = BUILD / "platform/arm64"
     programs: Path = BUILD / "arm64"
@@ -213,6 +217,12 @@ class Sources:
             if (self.kernel / prefix / release).is_dir():
                 return self.kernel / prefix / release
         raise ImageError(f"no modules of {release} in {self.kernel}: host/setup gets them")
+
+    def own_module(self, name: str) -> Path:
+        """kus_soc.ko, or soc.dtbo with the nodes of the device tree that it needs."""
+        if not (self.module / name).is_file():
+            raise ImageError(f"no {name} in {self.module}: host/setup makes it")
+        return self.module / name
 
     def busybox(self) -> Path:
         for root in (self.sysroot, self.kernel):
@@ -285,7 +295,8 @@ def _module_name(path: Path) -> str:
 
 def _module_entries(sources: Sources) -> Iterator[Entry]:
     """The modules, and /etc/modules with their order and parameters."""
-    known = {_module_name(path): path for path in sources.modules().rglob("*.ko")}
+    known = {_module_name(path): path
+             for path in (*sources.modules().rglob("*.ko"), sources.own_module("kus_soc.ko"))}
     order: list[str] = []
 
     def visit(name: str) -> None:

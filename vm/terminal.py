@@ -56,15 +56,23 @@ ROOT = Path(__file__).resolve().parent.parent
 if str(ROOT) not in sys.path:
     sys.path.insert(0, str(ROOT))
 
-from vm import channel, devices, image  # noqa: E402
+from vm import channel, devices, devicetree, image  # noqa: E402
 from vm.devices import Device, DeviceState, Gadget  # noqa: E402
 from vm.qmp import Qmp, QmpError  # noqa: E402
 
 QEMU = "qemu-system-aarch64"
+MACHINE = "virt"
+# What the device tree depends on, beside the machine.
+BOARD = ("-cpu", "cortex-a57", "-smp", "2", "-m", "512")
 MACHINES = 2
 XHCI_PORTS = range(1, 16)
 HUB_PORTS = range(1, 9)
 GADGET_CONTROLLERS = range(6)
+
+# The nodes in /sys/devices/platform/soc: what QEMU plugs in hangs on the first, every gadget on the
+# second.
+SSUSB = "a800000.ssusb"
+HSUSB = "c200000.hsusb"
 
 BOOT_TIMEOUT = 90.0
 RUN_TIMEOUT = 30.0
@@ -199,6 +207,11 @@ class Plugged:
         """What the kernel shows of it now; nothing if it is not there."""
         return self.terminal.usb_state(self.sysname).get(self.sysname)
 
+    @property
+    def node(self) -> str:
+        """The node of the SoC whose mode decides whether it is there."""
+        return HSUSB if isinstance(self.device.made_by, Gadget) else SSUSB
+
     def unplug(self, timeout: float = RUN_TIMEOUT) -> None:
         self.terminal.unplug(self, timeout)
 
@@ -265,10 +278,13 @@ class Terminal:
                 error.add_note(f"console: {self.console_log}")
 
     def _boot(self) -> None:
-        if shutil.which(QEMU) is None:
+        qemu = shutil.which(QEMU)
+        if qemu is None:
             raise TerminalError(f"no {QEMU}: host/setup gets it (qemu-system-arm)")
         initramfs = image.build(self._sources, self._programs)
         directory = self._sources.output
+        tree = devicetree.build(qemu, MACHINE, BOARD, self._sources.own_module("soc.dtbo"),
+                                directory)
         turn = _Turn(directory, timeout=900)
         self._stack.callback(turn.give_back)
         self.console_log = directory / f"{self.name}.{turn.number}.console.log"
@@ -278,7 +294,7 @@ class Terminal:
         channel_ours, channel_theirs = socket.socketpair()
         qmp_ours, qmp_theirs = socket.socketpair()
         with channel_theirs, qmp_theirs:
-            arguments = self._qemu_arguments(initramfs, channel_theirs.fileno(),
+            arguments = self._qemu_arguments(initramfs, tree, channel_theirs.fileno(),
                                              qmp_theirs.fileno())
             descriptors = (channel_theirs.fileno(), qmp_theirs.fileno())
             self._qemu = _launcher.submit(_launch, arguments, descriptors, qemu_log).result()
@@ -295,7 +311,8 @@ class Terminal:
         self.boot_seconds = time.monotonic() - began
         self._uevents = channel.Uevents.listen(self.channel, RUN_TIMEOUT)
 
-    def _qemu_arguments(self, initramfs: Path, channel_fd: int, qmp_fd: int) -> list[str]:
+    def _qemu_arguments(self, initramfs: Path, tree: Path, channel_fd: int,
+                        qmp_fd: int) -> list[str]:
         # An oops ends the machine at once, and so does a panic (-no-reboot): nothing of what
         # An oops and a panic end the machine (-no-reboot): nothing after one can be believed.
         command_line = ["console=ttyAMA0", "quiet", "loglevel=5", "panic=-1", "oops=panic",
@@ -304,8 +321,7 @@ class Terminal:
                         *self._options]
         return [
             QEMU, "-nodefaults", "-no-user-config", "-display", "none", "-no-reboot",
-            "-M", "virt", "-cpu", "cortex-a57", "-accel", "tcg,thread=multi", "-smp", "2",
-            "-m", "512",
+            "-M", MACHINE, *BOARD, "-accel", "tcg,thread=multi", "-dtb", str(tree),
             "-kernel", str(self._sources.kernel_image()), "-initrd", str(initramfs),
             "-append", " ".join(command_line),
             "-chardev", f"file,id=console,path={self.console_log}", "-serial", "chardev:console",
@@ -496,6 +512,24 @@ class Terminal:
         state, _, pid = self.run(["status", service]).stdout.strip().partition(" ")
         return ServiceState(state, int(pid) if pid else None)
 
+    # --- the SoC ----------------------------------------------------------------------------------
+
+    def mode(self, node: str) -> str:
+        """The mode of the USB controllers behind a node, SSUSB or HSUSB."""
+        return self.check_output(["mode", node]).removesuffix("\n")
+
+    def set_mode(self, node: str, mode: str) -> None:
+        """With "none" or "peripheral" the controllers and all devices on them are gone when this
+        returns; with "host" the controllers are back, and the devices follow in their own time."""
+        self.check_output(["mode", node, mode])
+
+    def supply(self, name: str) -> int:
+        """Whether the power supply "dc" or "usb" is online: 0, 1, or 2 for a programmable one."""
+        return int(self.check_output(["supply", name]))
+
+    def set_supply(self, name: str, online: int) -> None:
+        self.check_output(["supply", name, str(online)])
+
     # --- USB --------------------------------------------------------------------------------------
 
     def plug(self, device: Device, behind: Plugged | None = None,
@@ -528,7 +562,7 @@ class Terminal:
                 self._connect_gadget(plugged, device.made_by)
             else:
                 self._connect_to_qemu(plugged, device.made_by)
-        except (CommandFailed, QmpError):
+        except (CommandFailed, QmpError, TerminalError):
             with self._ports_lock:
                 free.add(plugged.port)
             raise
@@ -538,15 +572,14 @@ class Terminal:
         try:
             self.check_output(gadget.plug_script(plugged.identity, plugged.port, plugged.device))
         except CommandFailed:
-            self.run(gadget.unplug_script(plugged.identity, stop_on_error=False))
+            self.run(gadget.clean_up_script(plugged.identity))
             raise
-        bus = self.check_output(
-            f"cd /sys/devices/platform/dummy_hcd.{plugged.port} && echo usb*").strip()
-        plugged.sysname = f"{bus.removeprefix('usb')}-1"
+        self.locate(plugged)
 
     def _connect_to_qemu(self, plugged: Plugged, made_by: devices.QemuDevice) -> None:
         parent = "" if plugged.behind is None else f"{plugged.behind.path}."
         plugged.path = f"{parent}{plugged.port}"
+        self.locate(plugged)
         properties = dict(made_by.properties)
         backend = f"{plugged.identity}-backend"
         if made_by.backend == "drive":
@@ -561,16 +594,30 @@ class Terminal:
             properties["chardev"] = backend
         self.qmp.execute("device_add", driver=made_by.driver, id=plugged.identity,
                          bus="xhci.0", port=plugged.path, **properties)
-        super_speed = made_by.super_speed and plugged.behind is None
-        plugged.sysname = f"{self._xhci_bus(super_speed)}-{plugged.path}"
+
+    def locate(self, plugged: Plugged) -> None:
+        """Finds out anew under which name the kernel knows the device: when its controller has
+        been out of host mode its bus may have another number. Raises TerminalError while it is."""
+        if isinstance(plugged.device.made_by, Gadget):
+            plugged.sysname = f"{self._dummy_hcd_bus(plugged.port)}-1"
+        else:
+            super_speed = plugged.device.made_by.super_speed and plugged.behind is None
+            plugged.sysname = f"{self._xhci_bus(super_speed)}-{plugged.path}"
+
+    def _dummy_hcd_bus(self, number: int) -> str:
+        bus = self.check_output(f"cd /sys/devices/platform/dummy_hcd.{number} && echo usb*").strip()
+        if bus == "usb*":
+            raise TerminalError(self._with_console(f"dummy_hcd.{number} has no bus"))
+        return bus.removeprefix("usb")
 
     def _xhci_bus(self, super_speed: bool) -> str:
         """The number of the controller's bus of that speed, found anew: it may have changed."""
         speeds = dict(line.split() for line in self.check_output(
-            'for bus in /sys/bus/pci/drivers/xhci_hcd/*/usb*; do read -r speed < "$bus/speed"; '
-            'echo "$speed ${bus##*/usb}"; done').splitlines())
+            'for bus in /sys/bus/pci/drivers/xhci_hcd/*/usb*; do [ -e "$bus" ] || continue; '
+            'read -r speed < "$bus/speed"; echo "$speed ${bus##*/usb}"; done').splitlines())
         if set(speeds) != {"480", "5000"}:
-            raise TerminalError(self._with_console(f"speeds and buses of the xhci: {speeds}"))
+            raise TerminalError(self._with_console(
+                f"the xhci has not its two buses (speed: bus): {speeds}"))
         return speeds["5000" if super_speed else "480"]
 
     def unplug(self, plugged: Plugged, timeout: float = RUN_TIMEOUT) -> None:
@@ -583,7 +630,7 @@ class Terminal:
         """Pulls a device out without waiting for the kernel; its port is free again."""
         made_by = plugged.device.made_by
         if isinstance(made_by, Gadget):
-            self.check_output(made_by.unplug_script(plugged.identity))
+            self.check_output(made_by.unplug_script(plugged.identity, plugged.port))
             free = self._free_controllers
         else:
             self._disconnect_from_qemu(plugged, made_by)

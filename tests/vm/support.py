@@ -74,6 +74,42 @@ def vendor_rule(vendor: int, *products: int) -> str:
 DEFAULT_POLICY = policy("default")
 
 
+def rules(*lines: str) -> bytes:
+    return policy("whitelist", *lines).encode()
+
+
+# What becomes of files that cannot be used: the text in the status file.
+BAD_FILES: tuple[tuple[bytes, str], ...] = (
+    (b"<config mode='default'/>", "INVALID ROOT ELEMENT : config"),
+    (b"<usbconfig/>", "MODE NOT PRESENT"),
+    (b"<usbconfig mode='Whitelist'/>", "INVALID MODE"),
+    (rules("<class/>"), "EMPTY CLASS VALUE"),
+    (rules("<class>USB_CLASS_HID</class>"), "INVALID CLASS VALUE:USB_CLASS_HID"),
+    (rules("<class> USB_CLASS_AUDIO</class>"), "INVALID CLASS VALUE: USB_CLASS_AUDIO"),
+    (rules("<vid/>"), "vendorid TAG NOT PRESENT"),
+    (rules("<vid vendorid=''/>"), "EMPTY VENDOR ID VALUE"),
+    (rules("<vid vendorid='0x046d'/>"), "INVALID VENDOR ID VALUE:0x046d"),
+    (rules("<vid vendorid='1'><pid/></vid>"), "EMPTY PRODUCT ID VALUE"),
+    (rules("<vid vendorid='1'><pid>5</pid><name>abc</name></vid>"),
+     "INVALID PRODUCT ID VALUE:abc"),
+    (rules("<device/>"), "INVALID TAG:device"),
+)
+
+# Files that are no XML: the name of the library's error. Its text tells more.
+NO_XML: tuple[tuple[bytes, str], ...] = (
+    (b"", "XML_ERROR_EMPTY_DOCUMENT"),
+    (b"<usbconfig mode='default'>\n<class>\n</usbconfig>", "XML_ERROR_MISMATCHED_ELEMENT"),
+)
+
+
+# --- figures --------------------------------------------------------------------------------------
+
+
+def figure(name: str, value: str) -> None:
+    """Tells whoever runs the tests what a test has measured."""
+    print(f"\nfigure: {name}: {value}", flush=True)
+
+
 # --- logs -----------------------------------------------------------------------------------------
 
 
@@ -121,19 +157,20 @@ class Stream(Generic[T]):
 class LogLine(NamedTuple):
     severity: str
     pid: int
+    thread: int
     source: str
     message: str
 
 
-_LOG_LINE = re.compile(r"\S+ ([VDIWEF]) \S+ \S+ +(\d+) +\d+ (\w+\.cpp):\d+\] (.*)")
+_LOG_LINE = re.compile(r"\S+ ([VDIWEF]) \S+ \S+ +(\d+) +(\d+) (\w+\.cpp):\d+\] (.*)")
 
 
 def parse_log_line(line: str) -> LogLine | None:
     match = _LOG_LINE.fullmatch(line)
     if match is None:
         return None
-    severity, pid, source, message = match.groups()
-    return LogLine(severity, int(pid), source, message)
+    severity, pid, thread, source, message = match.groups()
+    return LogLine(severity, int(pid), int(thread), source, message)
 
 
 class DaemonLog(Stream[LogLine]):
@@ -255,6 +292,39 @@ class Watcher(Process):
         return [json.loads(line) for line in self.lines()]
 
 
+class PropertyChange(NamedTuple):
+    """`time` is that of the terminal's monotonic clock, in seconds."""
+
+    time: float
+    name: str
+    value: str
+
+
+class PropertyWatch(Process):
+    """Tells every setting of a property from the time of its making, in order."""
+
+    _LINE = re.compile(r"(\d+\.\d{6}) (\S+) = '(.*)'")
+
+    def __init__(self, terminal: Terminal) -> None:
+        super().__init__(terminal, ["watchprops"])
+        answer = self.next_line()
+        if answer != "watching":
+            raise AssertionError(f"watchprops says '{answer}'")
+
+    def _parse(self, line: str) -> PropertyChange:
+        match = self._LINE.fullmatch(line)
+        if match is None:
+            raise AssertionError(f"watchprops says '{line}'")
+        return PropertyChange(float(match[1]), match[2], match[3])
+
+    def next_change(self, timeout: float = TIMEOUT) -> PropertyChange:
+        return self._parse(self.next_line(timeout))
+
+    def changes(self) -> list[PropertyChange]:
+        """What has been set since the last look."""
+        return [self._parse(line) for line in self.lines()]
+
+
 # --- what a device must come to -------------------------------------------------------------------
 
 
@@ -350,6 +420,13 @@ class DaemonTestCase(unittest.TestCase):
         self.stop_daemon()
         self.put_policy(text)
         return self.start_daemon()
+
+    def wait_until_start_is_over(self, mark: int) -> None:
+        """Waits until a daemon started behind `mark` of its log follows its file. The last lines of
+        its start come from two threads."""
+        for message in ("registerFileObserverViaThread result--0",
+                        "registered successfully file observer"):
+            self.log.wait_for(mark, message)
 
     def set_read_only_property(self, name: str, value: str | None) -> None:
         """As the platform's administration would: a read-only property can be set only once."""

@@ -68,7 +68,8 @@ class ImageTest(unittest.TestCase):
         order = [line.split()[0] for line in entries["etc/modules"].content.decode().splitlines()]
         for earlier, later in (("usb_common", "usbcore"), ("usbcore", "dummy_hcd"),
                                ("libcomposite", "usb_f_hid"), ("scsi_common", "scsi_mod"),
-                               ("xhci_hcd", "xhci_pci"), ("hid", "usbhid")):
+                               ("xhci_hcd", "xhci_pci"), ("hid", "usbhid"),
+                               ("kus_soc", "xhci_pci"), ("kus_soc", "dummy_hcd")):
             self.assertLess(order.index(earlier), order.index(later), (earlier, later))
 
     def test_what_has_not_been_built_is_named(self) -> None:

@@ -6,8 +6,8 @@ from __future__ import annotations
 
 import unittest
 
-from support import (BACKUP_FILE, CONFIG_DIR, CONFIG_FILE, DEFAULT_POLICY, STATUS_FILE,
-                     DaemonTestCase, Process, parse_log_line, policy)
+from support import (BACKUP_FILE, BAD_FILES, CONFIG_DIR, CONFIG_FILE, DEFAULT_POLICY, NO_XML,
+                     STATUS_FILE, DaemonTestCase, Process, parse_log_line, policy)
 
 DEFAULT_FILE = (b'<?xml version="1.0" encoding="UTF-8"?>\n'
                 b'<usbconfig mode="default">\n'
@@ -98,33 +98,6 @@ class StartupTaskTest(StartupTestCase):
                 self.assertNotIn(CONFIG_FILE, self.files())
                 daemon.kill()
 
-
-def rules(*lines: str) -> bytes:
-    return policy("whitelist", *lines).encode()
-
-
-# What becomes of files that cannot be used: the text in the status file.
-BAD_FILES: tuple[tuple[bytes, str], ...] = (
-    (b"<config mode='default'/>", "INVALID ROOT ELEMENT : config"),
-    (b"<usbconfig/>", "MODE NOT PRESENT"),
-    (b"<usbconfig mode='Whitelist'/>", "INVALID MODE"),
-    (rules("<class/>"), "EMPTY CLASS VALUE"),
-    (rules("<class>USB_CLASS_HID</class>"), "INVALID CLASS VALUE:USB_CLASS_HID"),
-    (rules("<class> USB_CLASS_AUDIO</class>"), "INVALID CLASS VALUE: USB_CLASS_AUDIO"),
-    (rules("<vid/>"), "vendorid TAG NOT PRESENT"),
-    (rules("<vid vendorid=''/>"), "EMPTY VENDOR ID VALUE"),
-    (rules("<vid vendorid='0x046d'/>"), "INVALID VENDOR ID VALUE:0x046d"),
-    (rules("<vid vendorid='1'><pid/></vid>"), "EMPTY PRODUCT ID VALUE"),
-    (rules("<vid vendorid='1'><pid>5</pid><name>abc</name></vid>"),
-     "INVALID PRODUCT ID VALUE:abc"),
-    (rules("<device/>"), "INVALID TAG:device"),
-)
-
-# Files that are no XML: the name of the library's error. Its text tells more.
-NO_XML: tuple[tuple[bytes, str], ...] = (
-    (b"", "XML_ERROR_EMPTY_DOCUMENT"),
-    (b"<usbconfig mode='default'>\n<class>\n</usbconfig>", "XML_ERROR_MISMATCHED_ELEMENT"),
-)
 
 # Files that can be used, and their backup: the same lines, each with an end.
 GOOD_FILES: tuple[tuple[bytes, bytes], ...] = (
