@@ -120,9 +120,10 @@ class DaemonsEndTest(HotplugTestCase):
         self.terminal.stop("kus-hotplug")
         self.stop_daemon()
         mark = self.agent.mark()
-        with self.terminal.follow("/data/log/kus-hotplug.log") as log:
-            waiting = "kus-hotplug: waiting for the daemon's service"
-            times = list(log.unread()).count(waiting)
+        path = "/data/log/kus-hotplug.log"
+        waiting = "kus-hotplug: waiting for the daemon's service"
+        times = self.terminal.read_file(path).decode().splitlines().count(waiting)
+        with self.terminal.follow(path) as log:
             self.terminal.start("kus-hotplug")
             for _ in range(times + 1):
                 log.wait_for(f"^{waiting}$", 20)
