@@ -13,6 +13,7 @@ from __future__ import annotations
 import concurrent.futures
 import json
 import os
+import re
 import subprocess
 import sys
 import time
@@ -160,6 +161,8 @@ def run_vm_module(module: str) -> list[Outcome]:
     except subprocess.TimeoutExpired as error:
         output = f"timed out\n{error.output}"
     step(f"{name}: {time.monotonic() - started:.0f} s")
+    for figure in re.findall(r"^figure: (.*)$", output, re.MULTILINE):
+        step(figure)
     if not report.exists():
         return [Outcome(f"vm.{name}", False, output)]
     outcomes = [Outcome(f"vm.{entry['name']}", entry["passed"], entry["detail"])
@@ -194,7 +197,15 @@ def main(arguments: list[str]) -> int:
     def wanted(name: str) -> bool:
         return not names or any(part in name for part in names)
 
+    # Names of modules alone need no more than those to be run.
+    modules = list(tracked("tests/vm/test_*.py"))
+    named = [m for m in modules if any(part in Path(m).stem for part in names)]
+    only_modules = bool(names) and all(any(part in Path(m).stem for m in modules)
+                                       for part in names)
+
     def suite_wanted(suite: str) -> bool:
+        if only_modules:
+            return suite == "vm"
         return not names or any(suite in part or part not in ("lint", "unit", "vm")
                                 for part in names)
 
@@ -210,8 +221,7 @@ def main(arguments: list[str]) -> int:
     if suite_wanted("lint"):
         outcomes += run_lint(wanted)
     if not quick and suite_wanted("vm"):
-        modules = [m for m in tracked("tests/vm/test_*.py")]
-        outcomes += run_vm(wanted, modules)
+        outcomes += run_vm(wanted, named if only_modules else modules)
     return report(outcomes)
 
 
