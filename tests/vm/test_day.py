@@ -29,15 +29,15 @@ def live(chapters: tuple[day.Chapter, ...]) -> tuple[int, str]:
 
 
 def chapter(*expected: day.Expected) -> tuple[day.Chapter, ...]:
-    return (day.Chapter("", "", expected),)
+    return (day.Chapter("", day.Begin.PLUG, expected),)
 
 
 class DayTest(unittest.TestCase):
-    storage, keyboard, keyboard_input = day.DAY[0].expected[:3]
+    storage, keyboard, keyboard_input = day.BY_DEFAULT[:3]
 
     def test_the_whole_day_is_as_expected(self) -> None:
         status, output = live(day.DAY)
-        self.assertEqual((status, output.splitlines()[-1]), (0, "18 verdicts, 18 as expected"),
+        self.assertEqual((status, output.splitlines()[-1]), (0, "30 verdicts, 30 as expected"),
                          output)
 
     def test_another_verdict_reason_or_kernel_state_is_no_success(self) -> None:
@@ -63,6 +63,16 @@ class DayTest(unittest.TestCase):
         self.assertIn("BAD  no verdict for storage (input)", output)
         self.assertEqual((status, output.splitlines()[-1]), (1, "1 verdicts, 1 as expected"),
                          output)
+
+    def test_rules_that_are_not_rejected_as_demanded_are_no_success(self) -> None:
+        for text, status, complaint in (
+                (day.WHITELIST, "SUCCESS", "the backup is not back in place"),
+                (day.BAD_LIST, "INVALID MODE", "the status is 'INVALID CLASS VALUE:")):
+            with self.subTest(complaint):
+                result, output = live((day.Chapter("", day.Begin.BAD_RULES, text=text,
+                                                   status=status),))
+                self.assertIn(complaint, output)
+                self.assertEqual(result, 1, output)
 
     def test_a_daemon_that_dies_is_no_success(self) -> None:
         killer = "kill -KILL $(status kusd | cut -d' ' -f2)"
