@@ -36,6 +36,7 @@
 #include "android/kus/constants.h"
 #include "android/kus/ku_service.h"
 #include "tests/support/log_capture.h"
+#include "tests/support/process.h"
 #include "tests/support/scratch_tree.h"
 #include "tests/support/service_fixture.h"
 
@@ -46,6 +47,7 @@ namespace {
 namespace fs = std::filesystem;
 
 using android::base::unique_fd;
+using ::testing::AllOf;
 using ::testing::Contains;
 using ::testing::ElementsAre;
 using ::testing::ElementsAreArray;
@@ -435,6 +437,15 @@ TEST_F(EventLoop, SkipsEventsWithoutTheClose) {
 
 TEST_F(EventLoop, SkipsEventsWithoutAName) {
     EXPECT_THAT(Feed({Event("", IN_CLOSE_WRITE), Event("", IN_ALL_EVENTS)}), IsEmpty());
+}
+
+TEST_F(EventLoop, TakesANameOfZerosAlone) {
+    EXPECT_THAT(Feed({Event(std::string(16, '\0'))}), ElementsAre(closed(inDirectory(""))));
+}
+
+TEST_F(EventLoop, ReadsNoNameBeyondTheBuffer) {
+    const std::string cut = Event(std::string(40, 'n')).substr(0, 30);
+    EXPECT_THAT(Feed({cut}), ElementsAre(closed(inDirectory(std::string(14, 'n')))));
 }
 
 TEST_F(EventLoop, SkipsEventsOfOtherWatches) {
@@ -985,6 +996,25 @@ TEST_F(ObserverThread, IsMissingWhenItCannotBeStarted) {
     EXPECT_THAT(log.Lines(), ElementsAre(Info("registerFileObserverViaThread result--" +
                                               std::to_string(EAGAIN))));
     EXPECT_THAT(inotifyDescriptors(), IsEmpty());
+}
+
+// --- The end of the daemon ----------------------------------------------------------------------
+
+using StoppedObserver = ObserverTest;
+
+TEST_F(StoppedObserver, TakesOverNoFurtherFile) {
+    const ProcessResult result = RunInChild([] {
+        KUsbService::registerFileObserverViaThread();
+        WaitForLogLine("I registered successfully file observer");
+        KUsbService::stopFileObserver();
+        WriteFile(configFilePath, kDefaultConfig);
+        WriteFile(inDirectory("marker"), "");
+        WaitForLogLine("I " + closed(inDirectory("marker")).text);
+    });
+    EXPECT_THAT(result.err, AllOf(HasSubstr("I " + closed(configFilePath).text + "\n"),
+                                  Not(HasSubstr(kParsing.text))));
+    EXPECT_FALSE(Exists(statusFilePath));
+    EXPECT_FALSE(Exists(backupFilePath));
 }
 
 }  // namespace

@@ -42,6 +42,10 @@ namespace {
 /** Called ahead of each property that the daemon sets; none when empty. */
 std::function<void(const std::string&)> onProperty;
 bool threadsFail = false;
+/** The threads that the daemon has asked for, by whether with default attributes. */
+std::vector<bool> threadsWithDefaults;
+/** The pauses that this thread has asked for. */
+thread_local std::vector<std::chrono::nanoseconds> pauses;
 
 }  // namespace
 
@@ -52,6 +56,7 @@ extern "C" {
 int __real_property_set(const char* key, const char* value);
 int __real_pthread_create(pthread_t* thread, const pthread_attr_t* attributes,
                           void* (*entry)(void*), void* argument);
+int __real_nanosleep(const timespec* request, timespec* remaining);
 
 int __wrap_property_set(const char* key, const char* value) {
     if (onProperty) onProperty(key);
@@ -60,8 +65,15 @@ int __wrap_property_set(const char* key, const char* value) {
 
 int __wrap_pthread_create(pthread_t* thread, const pthread_attr_t* attributes,
                           void* (*entry)(void*), void* argument) {
+    threadsWithDefaults.push_back(attributes == nullptr);
     if (threadsFail) return EAGAIN;
     return __real_pthread_create(thread, attributes, entry, argument);
+}
+
+int __wrap_nanosleep(const timespec* request, timespec* remaining) {
+    pauses.push_back(std::chrono::seconds(request->tv_sec) +
+                     std::chrono::nanoseconds(request->tv_nsec));
+    return __real_nanosleep(request, remaining);
 }
 
 }  // extern "C"
@@ -227,6 +239,16 @@ size_t threadCount() {
     return EntriesOf("/proc/self/task").size();
 }
 
+// A thread that was joined may be listed for a moment still.
+bool threadsComeDownTo(size_t count) {
+    const Clock::time_point deadline = Clock::now() + std::chrono::seconds(10);
+    while (threadCount() > count) {
+        if (Clock::now() > deadline) return false;
+        std::this_thread::yield();
+    }
+    return threadCount() == count;
+}
+
 // A file that can be opened for writing, but not written.
 android::base::unique_fd sealedFile(const std::string& content) {
     android::base::unique_fd fd(memfd_create("mode", MFD_CLOEXEC | MFD_ALLOW_SEALING));
@@ -245,6 +267,8 @@ class ResetTest : public UsbDeviceTest {
         Remove(kPropertyDirectory);
         onProperty = nullptr;
         threadsFail = false;
+        threadsWithDefaults.clear();
+        pauses.clear();
     }
 
     void TearDown() override {
@@ -307,6 +331,13 @@ TEST_F(PlainReset, FlipsTheControllersInListOrderWithAPauseAfterEachWrite) {
     expectPause(recorder->TimeOf(resetNone(kSecond)), recorder->TimeOf(resetHost(kSecond)),
                 kModePause);
     expectPause(recorder->TimeOf(resetHost(kSecond)), returned, kModePause);
+}
+
+TEST_F(PlainReset, AsksForExactlyItsPauses) {
+    WriteFile(kFirst, "host\n");
+    WriteFile(kSecond, "host\n");
+    UsbDevice::usb_host_reset(0);
+    EXPECT_THAT(pauses, ElementsAre(kModePause, kModePause, kModePause, kModePause));
 }
 
 TEST_F(PlainReset, WritesHostAheadOfTheLastPause) {
@@ -705,6 +736,14 @@ TEST_F(VirtualDock, StartsItsThreadBehindTheUndockAndDoesNotJoinIt) {
     EXPECT_TRUE(recorder->WaitFor(kPollEnded));
 }
 
+TEST_F(VirtualDock, AsksForExactlyItsDelayAndAThreadOfDefaultAttributes) {
+    threadsFail = true;
+    WriteFile(kDcSupply, "1");
+    UsbDevice::usb_host_reset(30);
+    EXPECT_THAT(pauses, ElementsAre(milliseconds(30)));
+    EXPECT_THAT(threadsWithDefaults, ElementsAre(true));
+}
+
 TEST_F(VirtualDock, IsOverForThePollBeforeDockIsAnnounced) {
     WriteFile(kDcSupply, "1");
     record();
@@ -728,10 +767,9 @@ TEST_F(VirtualDock, StopsAtOnceWhenTheTerminalIsNotOnDcPower) {
         WriteFile(kUsbSupply, "1");
         WriteFile(kSecond, "host\n");
         record();
-        const size_t before = threadCount();
         UsbDevice::usb_host_reset(60000);
         EXPECT_EQ(recorder->Texts(), Texts{kEntered} + kWithoutDisplayLink);
-        EXPECT_EQ(threadCount(), before);
+        EXPECT_THAT(threadsWithDefaults, IsEmpty());
         recorder.reset();
     }
 }
@@ -798,7 +836,7 @@ TEST_F(VirtualDock, AnnouncesDockTwiceWhenDcPowerGoesMeanwhile) {
     reset.get();
     EXPECT_EQ(callersActions(), Texts{kEntered} + undockedAndDocked() + kDockAnnounced);
     EXPECT_THAT(pollLines(), ElementsAre(polled("1"), polled("0"), kPollSawUndock));
-    EXPECT_EQ(threadCount(), before);
+    EXPECT_TRUE(threadsComeDownTo(before));
 
     // The thread's announcement follows its line, the caller's comes when the delay is over.
     const Clock::time_point started = recorder->TimeOf(kThreadStarted);
@@ -812,9 +850,12 @@ TEST_F(VirtualDock, PollsAnewEachTime) {
     record();
     for (int round = 1; round <= 2; ++round) {
         SCOPED_TRACE(round);
-        UsbDevice::usb_host_reset(kWithinOnePoll.count());
+        UsbDevice::usb_host_reset(kLongDelay.count());
         ASSERT_TRUE(recorder->WaitFor(kPollEnded));
-        EXPECT_THAT(pollLines(), ElementsAre(polled("1"), kPollEnded));
+        Texts lines = pollLines();
+        EXPECT_EQ(lines.back(), kPollEnded);
+        lines.pop_back();
+        EXPECT_THAT(lines, AllOf(Not(IsEmpty()), testing::Each(polled("1"))));
         recorder->Take();
     }
 }
@@ -865,6 +906,13 @@ TEST_F(DisplayLinkDock, SwitchesItsControllerOffAndOnAgainOnUsbPower) {
     expectPause(recorder->TimeOf(undockHost(kSecond)), returned, kModePause);
     EXPECT_GE(sinceWrite, kModePause);
     EXPECT_EQ(ReadFile(kFirst), "host\n");
+}
+
+TEST_F(DisplayLinkDock, AsksForExactlyItsPauses) {
+    attachDisplayLink();
+    setSupplies("1\n", "0\n");
+    UsbDevice::usb_host_reset(30);
+    EXPECT_THAT(pauses, ElementsAre(milliseconds(30), kModePause));
 }
 
 TEST_F(DisplayLinkDock, IsSwitchedOnAgainOnDcPower) {
@@ -1175,11 +1223,16 @@ using DcSupplyPoll = ResetTest;
 TEST_F(DcSupplyPoll, ReadsEvery400MillisecondsUntilTheSupplyDrops) {
     WriteFile(kDcSupply, "1");
     record();
-    std::future<void*> end = std::async(std::launch::async,
-                                        [] { return UsbDevice::registersysfsObserver(nullptr); });
+    std::vector<std::chrono::nanoseconds> asked;
+    std::future<void*> end = std::async(std::launch::async, [&] {
+        void* const result = UsbDevice::registersysfsObserver(nullptr);
+        asked = pauses;
+        return result;
+    });
     ASSERT_TRUE(recorder->WaitFor(polled("1"), 2));
     WriteFile(kDcSupply, "0");
     EXPECT_EQ(end.get(), nullptr);
+    EXPECT_THAT(asked, ElementsAre(kPollPause, kPollPause));
     EXPECT_EQ(recorder->Texts(),
               (Texts{polled("1"), polled("1"), polled("0"), kPollSawUndock} + kDockAnnounced));
     expectPause(recorder->TimeOf(polled("1")), recorder->TimeOf(polled("1"), 2), kPollPause);

@@ -5,7 +5,8 @@
  * What every part of the daemon shares: paths, name tables, and the state of the rules.
  *
  * The tables never change and may be read from any thread. The rule and status variables are
- * rewritten by Util::createMapFromConfig() alone, on the thread that calls it, and have no lock.
+ * rewritten by Util::createMapFromConfig(), and errorMessage by the configuration observer, on the
+ * thread that parses; they have no lock.
  */
 
 #pragma once
@@ -25,7 +26,7 @@ namespace android::kus {
 inline constexpr char configDirPath[] = "/data/system/usbdeviceconfig";
 /** The administrator's rules. */
 inline constexpr char configFilePath[] = "/data/system/usbdeviceconfig/usb_device_config.xml";
-/** The last rules that parsed, each line ended by a line feed. */
+/** The last rules that were taken over, each line ended by a line feed. */
 inline constexpr char backupFilePath[] =
         "/data/system/usbdeviceconfig/usb_device_config_backup.xml";
 /** One line without a line end: "SUCCESS", or why the rules were not taken. */
@@ -104,7 +105,10 @@ inline std::vector<int32_t> configClassList;
 inline std::map<int32_t, std::string> configClassMap;
 /** Vendor id to product id or ANY_PRODUCT_ID; equal keys in file order, repeats kept. */
 inline std::multimap<int32_t, int32_t> vidPidMap;
-/** The text of the last rule that failed; sticky, a later good parse does not clear it. */
+/**
+ * The text of the last rule that failed. The parser itself never clears it; the observer sets
+ * "SUCCESS" after a good parse.
+ */
 inline std::string errorMessage = "SUCCESS";
 /** True when the rules in force are those of a whole file. */
 inline bool xml_parse_status = false;

@@ -3,7 +3,6 @@
 
 #include <signal.h>
 #include <stdlib.h>
-#include <sys/stat.h>
 #include <unistd.h>
 
 #include <fstream>
@@ -21,16 +20,6 @@
 
 namespace android::kus {
 namespace {
-
-bool isDirectory(const char* path) {
-    struct stat info {};
-    return stat(path, &info) == 0 && S_ISDIR(info.st_mode);
-}
-
-bool exists(const char* path) {
-    struct stat info {};
-    return stat(path, &info) == 0;
-}
 
 void writeDefaultConfig() {
     std::ofstream file(configFilePath);
@@ -63,7 +52,7 @@ void signalHandler(int signum, siginfo_t* /*info*/, void* /*context*/) {
     // The same text for every signal: meant.
     LOG(INFO) << "Segmentation fault"
               << "signum" << signum << std::endl;
-    // The observer would take the copy for new rules, and the exit cut its reset in two: a
+    // The observer would take the copy below for new rules, and the exit cut its reset in two: a
     // controller that is left in "none" stays there.
     KUsbService::stopFileObserver();
     Util::copyFileContent(backupFilePath, configFilePath);
@@ -92,7 +81,7 @@ void installCrashHandler() {
 void serve() {
     installCrashHandler();
     // A client that hangs up while its dump is being written is no reason to end.
-    signal(SIGPIPE, SIG_IGN);
+    (void)signal(SIGPIPE, SIG_IGN);
     KUsbService::Register();
     sp<ProcessState> process = ProcessState::self();
     process->startThreadPool();

@@ -17,8 +17,9 @@
 // everything else on binder threads. Clients are called on the thread that made the change, one
 // after another.
 //
-// Locks: the registry mutex, which binderDied() alone takes. The lists, the registry's other users
-// and the rules have none: decisions must not overlap each other or a parse.
+// Locks: the registry mutex, which binderDied() alone takes. The lists, the registry's other users,
+// the rules and the device-id map have none: decisions must not overlap each other, a parse, a dump
+// or a virtual dock.
 
 #include "android/kus/ku_service.h"
 
@@ -27,7 +28,6 @@
 #include <stdio.h>
 #include <string.h>
 #include <sys/inotify.h>
-#include <sys/stat.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -63,11 +63,12 @@ constexpr int32_t kClassHid = 3;
 // Logs the clients' addresses as well; set by Register() on "userdebug" builds.
 bool verboseLogging = false;
 
-// The observer's, open for the rest of the process's life.
+// The observer's. Its descriptor is open for the rest of the process's life.
 pthread_t observerThread;
 int inotifyFd = -1;
 int directoryWatch = -1;
-// The backup was copied over a bad file: the event of that copy is not a new file.
+// The backup was copied over a bad file: the event of that copy is not a new file. A good file that
+// comes before the event is taken for the copy, and its own event for it, too: meant.
 bool restored = false;
 std::atomic<bool> observerStopped = false;
 
@@ -189,15 +190,11 @@ void logDecision(const std::string& mode, const DeviceInfo& info, const Verdict&
               << ", Status: " << verdict.allowed << ", Reason: " << verdict.reason << " }";
 }
 
-bool isDirectory(const char* path) {
-    struct stat info {};
-    return stat(path, &info) == 0 && S_ISDIR(info.st_mode);
-}
-
 void takeGoodFile() {
     errorMessage = "SUCCESS";
     if (restored) {
-        // The rules that were in force before the bad file: all is as it was.
+        // The backup, whose rules were in force before: status, backup and devices are as they
+        // were.
         restored = false;
         return;
     }
@@ -227,7 +224,7 @@ void takeConfigFile() {
 
 // name is the event's, without the zeros that pad it.
 void takeEvent(const inotify_event& event, const std::string& name) {
-    if (name.empty() || event.wd != directoryWatch) return;
+    if (event.len == 0 || event.wd != directoryWatch) return;
     if ((event.mask & IN_CLOSE_WRITE) == 0) return;
     LOG(INFO) << "CLOSE_WRITE event triggered on filename " << configDirPath << "/" << name;
     if (name == kConfigFileName && !observerStopped) takeConfigFile();
@@ -576,6 +573,7 @@ void* KUsbService::registerFileObserver(void* /*argument*/) {
 void KUsbService::readFileChangeEvent() {
     char buffer[512];
     while (true) {
+        // A short read sets none, and an old EINTR must not count.
         errno = 0;
         const ssize_t length = read(inotifyFd, buffer, sizeof(buffer));
         if (length >= static_cast<ssize_t>(sizeof(inotify_event))) {

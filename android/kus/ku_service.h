@@ -31,8 +31,8 @@ namespace android::kus {
 class KUsbService : public BnKUsbService {
   public:
     /**
-     * Reads the rules, makes the one service object and publishes it; once, before the thread
-     * pool starts.
+     * Reads the rules, makes the one service object, publishes it, and starts the thread that
+     * follows the rules' file; once, before the thread pool starts.
      *
      * Waits for the service manager as long as there is none. Ends the process through a FATAL log
      * when the service cannot be added. Rules that do not parse stop nothing.
@@ -114,8 +114,9 @@ class KUsbService : public BnKUsbService {
     static void readFileChangeEvent();
 
     /**
-     * From now on no file is taken over: the process is ending, and what the crash handler does to
-     * the files is nobody's rules. Any thread, a signal handler included.
+     * No further file is taken over: the process is ending, and what the crash handler does to the
+     * files is nobody's rules. One that is being taken over is not held up. Any thread may call it,
+     * in a signal handler as well.
      */
     static void stopFileObserver();
 

@@ -26,7 +26,6 @@
 #include <stdio.h>
 #include <stdlib.h>
 #include <string.h>
-#include <sys/stat.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -42,6 +41,7 @@
 #include <cutils/properties.h>
 
 #include "android/kus/constants.h"
+#include "android/kus/util.h"
 
 namespace android::kus {
 
@@ -359,11 +359,6 @@ bool writeAuthorized(const char* interfaceName, char value) {
         return false;
     }
     return true;
-}
-
-bool exists(const std::string& path) {
-    struct stat info {};
-    return stat(path.c_str(), &info) == 0;
 }
 
 // Empty when the file cannot be read.

@@ -204,7 +204,7 @@ class UsbDevice {
      * delay 1 or more is a virtual undock and dock, that many milliseconds apart.
      *
      * Any thread may call it; resets wait for each other, each for the whole time of the others. A
-     * controller that cannot be read or written stays as it is.
+     * virtual dock looks into the map. A controller that cannot be read or written stays as it is.
      */
     static void usb_host_reset(int delay);
 
@@ -215,7 +215,8 @@ class UsbDevice {
      * only when there is external power by then. Without one, and on DC power, the platform is told
      * by properties, and for the time of delay a thread watches the DC supply.
      *
-     * A supply whose text is no number ends the process (uncaught conversion failure, SIGABRT).
+     * A supply of the first case whose text is no number ends the process (uncaught conversion
+     * failure, SIGABRT); in the second one only a leading '0' is no power.
      */
     static void virtual_undock_dock_event(int delay);
 
@@ -233,7 +234,8 @@ class UsbDevice {
     static void* registersysfsObserver(void* argument);
     /**
      * Polls the DC supply every 400 ms until the running virtual dock is over, or the terminal
-     * leaves the supply; then the platform is told at once.
+     * leaves the supply, which the platform is told then. A further virtual dock that begins before
+     * the next look keeps it polling.
      */
     static void readSysfsChangeEvent();
 

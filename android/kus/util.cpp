@@ -3,6 +3,8 @@
 
 #include "android/kus/util.h"
 
+#include <sys/stat.h>
+
 #include <algorithm>
 #include <fstream>
 #include <iterator>
@@ -133,7 +135,7 @@ void readRules(const XMLElement& root) {
     if (rule == nullptr) {
         LOG(INFO) << "no element, blocking all device";
         xml_parse_status = true;
-        // Whatever the previous parse left there: meant, the callers overwrite it.
+        // Whatever the previous parse left there: meant, the callers overwrite it for new rules.
         Util::updateErrorFile(statusFilePath, errorMessage);
         return;
     }
@@ -164,6 +166,16 @@ bool copyLines(std::ifstream& in, std::ofstream& out) {
 }
 
 }  // namespace
+
+bool exists(const std::string& path) {
+    struct stat info {};
+    return stat(path.c_str(), &info) == 0;
+}
+
+bool isDirectory(const std::string& path) {
+    struct stat info {};
+    return stat(path.c_str(), &info) == 0 && S_ISDIR(info.st_mode);
+}
 
 void Util::createMapFromConfig(const std::string& path) {
     XMLDocument document(/*processEntities=*/true, tinyxml2::PRESERVE_WHITESPACE);

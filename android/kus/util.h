@@ -8,6 +8,10 @@
 
 namespace android::kus {
 
+// False for what is not there, links to nowhere included.
+bool exists(const std::string& path);
+bool isDirectory(const std::string& path);
+
 /**
  * The administrator's rules: parsing them, asking them, and the files that tell their outcome.
  *
