@@ -41,7 +41,6 @@ int fail(const char* what) {
 }
 
 // A property is renamed into place, a read-only one linked; an unfinished one has no valid name.
-// Each rename has a number of its own in its event, without which inotify would merge equal ones.
 bool isChange(const inotify_event& event) {
     if (event.len == 0 || !isValidPropertyName(event.name)) return false;
     return (event.mask & IN_MOVED_TO) != 0 || isReadOnlyProperty(event.name);
@@ -75,8 +74,11 @@ bool printAll(const char* events, size_t length) {
 int watch() {
     const unique_fd watcher(inotify_init1(IN_CLOEXEC));
     if (!watcher.ok()) return fail("inotify");
-    if (!makePropertyDir() ||
-        inotify_add_watch(watcher.get(), kPropertyDir, IN_MOVED_TO | IN_CREATE | IN_ONLYDIR) < 0) {
+    // Of two settings of one property the events are equal, and inotify merges equal ones that
+    // follow each other. Each setting moves a file of its own out of its first name, which keeps
+    // them apart.
+    constexpr uint32_t kEvents = IN_MOVED_TO | IN_MOVED_FROM | IN_CREATE | IN_ONLYDIR;
+    if (!makePropertyDir() || inotify_add_watch(watcher.get(), kPropertyDir, kEvents) < 0) {
         return fail(kPropertyDir);
     }
     puts("watching");
