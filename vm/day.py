@@ -273,8 +273,9 @@ class Day:
         self._terminal.check_output("kill -SEGV $(status kusd | cut -d' ' -f2)")
         self._agent.wait_for(VERDICT_TIMEOUT, event="service", state="lost")
         self._agent.wait_for(VERDICT_TIMEOUT, event="service", state="connected")
+        told = ("Segmentation fault", "Stack Trace", "/system/bin/kusd ")
         for line in self._log.unread():
-            if any(text in line for text in ("Segmentation fault", "Stack Trace", "/system/bin/kusd ")):
+            if any(text in line for text in told):
                 print(f"   > {line.partition('] ')[2]}")
         self._require(self._read(CONFIG_FILE) == self._read(BACKUP_FILE),
                       "the backup is not back in place")

@@ -313,7 +313,6 @@ class Terminal:
 
     def _qemu_arguments(self, initramfs: Path, tree: Path, channel_fd: int,
                         qmp_fd: int) -> list[str]:
-        # An oops ends the machine at once, and so does a panic (-no-reboot): nothing of what
         # An oops and a panic end the machine (-no-reboot): nothing after one can be believed.
         command_line = ["console=ttyAMA0", "quiet", "loglevel=5", "panic=-1", "oops=panic",
                         "security=selinux", "selinux=1", "cryptomgr.notests=1",
