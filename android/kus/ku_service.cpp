@@ -193,8 +193,7 @@ void logDecision(const std::string& mode, const DeviceInfo& info, const Verdict&
 void takeGoodFile() {
     errorMessage = "SUCCESS";
     if (restored) {
-        // The backup, whose rules were in force before: status, backup and devices are as they
-        // were.
+        // The backup, whose rules were in force before: all but them is as it was.
         restored = false;
         return;
     }
