@@ -38,8 +38,11 @@ using android::base::unique_fd;
 using ::testing::AllOf;
 using ::testing::ElementsAre;
 using ::testing::ElementsAreArray;
+using ::testing::Ge;
 using ::testing::HasSubstr;
 using ::testing::IsEmpty;
+using ::testing::MatchesRegex;
+using ::testing::SizeIs;
 
 using Arguments = std::vector<String16>;
 
@@ -484,18 +487,23 @@ class DumpTree : public FilledDump {
         BindDriver(AddInterface("1-2:1.0", "08"), "usb-storage");
     }
 
-    // What the USB layer prints by itself, and the lines that it logs.
+    // What the USB layer prints by itself, and the lines that it logs, but the first: it tells the
+    // descriptor, which for a client's dump is that of the memory printed to.
     std::string Tree() {
         log.Take();
         std::string text = PrintedBy([](int fd) { UsbDevice::dump_print_test(fd); });
         lines_ = log.Take();
+        lines_.erase(lines_.begin());
         return text;
     }
 
-    std::vector<LogLine> LinesWith(const std::string& argument) const {
-        std::vector<LogLine> lines = {Info("args[0] is" + argument)};
-        lines.insert(lines.end(), lines_.begin(), lines_.end());
-        return lines;
+    void ExpectLinesWith(const std::string& argument) const {
+        std::vector<LogLine> lines = log.Lines();
+        ASSERT_THAT(lines, SizeIs(Ge(2U)));
+        EXPECT_EQ(Info("args[0] is" + argument), lines[0]);
+        EXPECT_THAT(lines[1].text, MatchesRegex("dump_print_test called [0-9]+"));
+        lines.erase(lines.begin(), lines.begin() + 2);
+        EXPECT_EQ(lines_, lines);
     }
 
   private:
@@ -506,13 +514,13 @@ TEST_F(DumpTree, IsPrintedForTheArgumentTest) {
     const std::string tree = Tree();
     ASSERT_THAT(tree, HasSubstr("Vendor:Product ID 17e9:6001"));
     EXPECT_EQ("USB Test \n" + tree, Dump({String16("test")}));
-    EXPECT_THAT(log.Lines(), ElementsAreArray(LinesWith("test")));
+    ExpectLinesWith("test");
 }
 
 TEST_F(DumpTree, IsPrintedWhateverElseIsAsked) {
     const std::string tree = Tree();
     EXPECT_EQ("USB Test \n" + tree, Dump({String16("test"), String16("all"), String16("")}));
-    EXPECT_THAT(log.Lines(), ElementsAreArray(LinesWith("test")));
+    ExpectLinesWith("test");
 }
 
 TEST_F(DumpTree, IsThatOfThisMoment) {

@@ -279,8 +279,9 @@ TEST_F(UnregisterKusCallback, ForgetsAClientThatCannotBeUnlinked) {
 TEST_F(UnregisterKusCallback, ErasesTheEntryBeforeItUnlinks) {
     const auto client = MakeClient<LinkedCallback>();
     service->registerKusCallback(client);
-    client->onUnlink = [&](const wp<IBinder::DeathRecipient>&) {
-        EXPECT_THAT(RegistrationsOf({client}), ElementsAre(0));
+    client->onUnlink = [&](const wp<IBinder::DeathRecipient>& recipient) {
+        // The client's own, the one that unlinks, and this one: the registry has none.
+        EXPECT_EQ(3, recipient.promote()->getStrongCount());
     };
     service->unregisterKusCallback(client);
     EXPECT_THAT(client->unlinks, SizeIs(1));
@@ -428,9 +429,34 @@ TEST_F(BinderDied, EndsTheProcessForABinderThatIsNotRegistered) {
               child.err);
 }
 
+// The binder library answers so when the notice is on its way.
+TEST_F(BinderDied, HasNothingToDoForAClientThatDiedWhileItUnregistered) {
+    const auto client = AddClient();
+    const auto other = AddClient();
+    client->unlinkResult = DEAD_OBJECT;
+    service->unregisterKusCallback(client);
+    log.Take();
+    client->Die();
+    EXPECT_THAT(log.Take(), ElementsAre(Info("Received binderDied")));
+    EXPECT_THAT(RegistrationsOf({client, other}), ElementsAre(0, 1));
+}
+
+TEST_F(BinderDied, OfAClientThatDiedWhileItUnregisteredOnceErasesItsOtherRegistration) {
+    const auto client = AddClient();
+    service->registerKusCallback(client);
+    client->unlinkResult = DEAD_OBJECT;
+    service->unregisterKusCallback(client);
+    log.Take();
+    client->Die();
+    EXPECT_THAT(log.Take(),
+                ElementsAre(Info("Received binderDied"), Info("Received binderDied"),
+                            Info("Size of callbacks at unregisterKusCallback binderDied 0"),
+                            Info("Callback from dead process unregistered")));
+}
+
 TEST_F(BinderDied, EndsTheProcessForAClientThatCouldNotBeUnlinked) {
     const auto client = AddClient();
-    client->unlinkResult = DEAD_OBJECT;
+    client->unlinkResult = NAME_NOT_FOUND;
     service->unregisterKusCallback(client);
     const ProcessResult child = RunInChild([&] { client->Die(); });
     EXPECT_EQ(SIGABRT, child.signal);
@@ -440,8 +466,8 @@ TEST_F(BinderDied, EndsTheProcessForAClientThatCouldNotBeUnlinked) {
 
 // --- The registry's lock -----------------------------------------------------------------------
 
-// One of several callbacks of one binder. The last reference to it goes when a death notice erases
-// its entry, which is while the notice holds the lock.
+// One of several callbacks of one binder. The last reference to it goes with its entry at the end
+// of a death notice, which holds the lock until then.
 class PassingCallback : public IKUsbServiceCallback {
   public:
     PassingCallback(const sp<IBinder>& binder, std::function<void()> onGone)
@@ -507,9 +533,10 @@ TEST_F(RegistryLock, KeepsASecondDeathNoticeWaiting) {
     recipients[0]->binderDied(binder);
     second.join();
     EXPECT_THAT(log.Take(),
-                ElementsAre(Info("Received binderDied"), Info("Received binderDied"),
+                ElementsAre(Info("Received binderDied"),
                             Info("Size of callbacks at unregisterKusCallback binderDied 2"),
                             Info("Callback from dead process unregistered"),
+                            Info("Received binderDied"),
                             Info("Size of callbacks at unregisterKusCallback binderDied 1"),
                             Info("Callback from dead process unregistered")));
 }

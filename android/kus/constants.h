@@ -2,11 +2,14 @@
 // SPDX-License-Identifier: Apache-2.0
 
 /**
- * What every part of the daemon shares: paths, name tables, and the state of the rules.
+ * What every part of the daemon shares: paths, name tables, the state of the rules, and the lists.
  *
- * The tables never change and may be read from any thread. The rule and status variables are
- * rewritten by Util::createMapFromConfig(), and errorMessage by the configuration observer, on the
- * thread that parses; they have no lock.
+ * The tables never change and may be read from any thread; rules and lists have a lock each.
+ * errorMessage and xml_parse_status belong to the one thread that parses: first the main thread,
+ * then the configuration observer's.
+ *
+ * A lock is an android::Mutex because it carries the annotations for clang's thread-safety analysis
+ * whatever the C++ library.
  */
 
 #pragma once
@@ -19,6 +22,7 @@
 #include <vector>
 
 #include <android/kus/DeviceInfo.h>
+#include <utils/Mutex.h>
 
 namespace android::kus {
 
@@ -97,14 +101,16 @@ inline const std::vector<int32_t> restrictedClasses = {0, 3, 9, 239, 254, 255};
 /** The product id of a vendor rule that names no product. */
 inline constexpr int32_t ANY_PRODUCT_ID = -1;
 
+/** Held while the rules are asked or replaced, so that all answers are of one file. */
+inline Mutex rulesLock;
 /** The last "mode" attribute read, valid or not; "default" before the first. */
-inline std::string configMode = "default";
+inline std::string configMode GUARDED_BY(rulesLock) = "default";
 /** Class and input-source codes in file order, repeats kept. */
-inline std::vector<int32_t> configClassList;
+inline std::vector<int32_t> configClassList GUARDED_BY(rulesLock);
 /** Code to the text that named it first. */
-inline std::map<int32_t, std::string> configClassMap;
+inline std::map<int32_t, std::string> configClassMap GUARDED_BY(rulesLock);
 /** Vendor id to product id or ANY_PRODUCT_ID; equal keys in file order, repeats kept. */
-inline std::multimap<int32_t, int32_t> vidPidMap;
+inline std::multimap<int32_t, int32_t> vidPidMap GUARDED_BY(rulesLock);
 /**
  * The text of the last rule that failed. The parser itself never clears it; the observer sets
  * "SUCCESS" after a good parse.
@@ -113,11 +119,13 @@ inline std::string errorMessage = "SUCCESS";
 /** True when the rules in force are those of a whole file. */
 inline bool xml_parse_status = false;
 
+/** Held while the lists below or the registry of clients are used. */
+inline Mutex listLock;
 /**
  * The judged devices by device id. Internal linkage is meant: each source file has a pair of its
  * own, and only the pair of ku_service.cpp is ever used.
  */
-static std::map<int32_t, std::unique_ptr<DeviceInfo>> mUsbDeviceInfoList;
-static std::map<int32_t, std::unique_ptr<DeviceInfo>> mInputDeviceInfoList;
+static std::map<int32_t, std::unique_ptr<DeviceInfo>> mUsbDeviceInfoList GUARDED_BY(listLock);
+static std::map<int32_t, std::unique_ptr<DeviceInfo>> mInputDeviceInfoList GUARDED_BY(listLock);
 
 }  // namespace android::kus

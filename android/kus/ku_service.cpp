@@ -17,9 +17,16 @@
 // everything else on binder threads. Clients are called on the thread that made the change, one
 // after another.
 //
-// Locks: the registry mutex, which binderDied() alone takes. The lists, the registry's other users,
-// the rules and the device-id map have none: decisions must not overlap each other, a parse, a dump
-// or a virtual dock.
+// Locks, in the order in which one thread may take them:
+//
+//  - the registry mutex (mutex_): a death notice, for its whole length; nobody else.
+//  - UsbDevice::mapLock: a decision about a USB device, from its rescan to its record; a removal; a
+//    dump of what sysfs shows; a virtual dock's look into the map.
+//  - rulesLock: the mode and the rules together, for one verdict; a parse, to replace both at once.
+//  - listLock: both lists and the registry.
+//
+// None is held while a client is called or written to, a thread sleeps or a controller changes its
+// mode, but that resets wait for each other. The crash handler takes none.
 
 #include "android/kus/ku_service.h"
 
@@ -28,6 +35,7 @@
 #include <stdio.h>
 #include <string.h>
 #include <sys/inotify.h>
+#include <sys/mman.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -35,7 +43,9 @@
 #include <memory>
 #include <utility>
 
+#include <android-base/file.h>
 #include <android-base/logging.h>
+#include <android-base/unique_fd.h>
 #include <binder/IInterface.h>
 #include <binder/IServiceManager.h>
 #include <cutils/properties.h>
@@ -48,6 +58,7 @@
 
 namespace android::kus {
 
+using android::base::unique_fd;
 using binder::Status;
 
 namespace {
@@ -79,6 +90,7 @@ struct Match {
 };
 
 struct Verdict {
+    std::string mode;
     bool allowed;
     std::string reason;
 };
@@ -99,7 +111,7 @@ bool isPolicySwitchedOff() {
 
 // A USB device of HID interfaces alone, or without any, goes on only as a vendor HID. All others of
 // its kind become input devices, and the input side asks again about those.
-bool passesHidScreening(const DeviceInfo& info) {
+bool passesHidScreening(const DeviceInfo& info) REQUIRES(UsbDevice::mapLock) {
     for (const int32_t interfaceClass : info.interfaceClasses) {
         if (interfaceClass == kClassHid) continue;
         LOG(INFO) << "class is " << interfaceClass << "not HID";
@@ -113,7 +125,8 @@ bool passesHidScreening(const DeviceInfo& info) {
 }
 
 // Every interface class that is not restricted must have a rule, and there must be one such class.
-Match matchInterfaceClasses(const std::vector<int32_t>& classes, std::string reason) {
+Match matchInterfaceClasses(const std::vector<int32_t>& classes, std::string reason)
+        REQUIRES(rulesLock) {
     bool matched = false;
     for (const int32_t code : classes) {
         LOG(INFO) << code << "\n";
@@ -131,7 +144,7 @@ Match matchInterfaceClasses(const std::vector<int32_t>& classes, std::string rea
 }
 
 // Every input source that makes up the device must have a rule.
-Match matchSources(const std::vector<int>& sources, std::string reason) {
+Match matchSources(const std::vector<int>& sources, std::string reason) REQUIRES(rulesLock) {
     if (sources.empty()) return {false, reason};
     for (const int code : sources) {
         const bool hasRule = Util::validateClass(code);
@@ -145,13 +158,13 @@ Match matchSources(const std::vector<int>& sources, std::string reason) {
     return {true, reason};
 }
 
-Match matchClass(const DeviceInfo& info) {
+Match matchClass(const DeviceInfo& info) REQUIRES(rulesLock) {
     const std::string reason = "Match by ClassName, CLASS : ";
     if (!info.interfaceClasses.empty()) return matchInterfaceClasses(info.interfaceClasses, reason);
     return matchSources(Util::checkMultiClass(info.deviceClass), reason);
 }
 
-Match matchVendor(const DeviceInfo& info) {
+Match matchVendor(const DeviceInfo& info) REQUIRES(rulesLock) {
     const std::string vendor = std::to_string(info.vendorId);
     if (Util::validateVid(info.vendorId)) {
         return {true, "Match by VID, VID : " + vendor};
@@ -163,25 +176,27 @@ Match matchVendor(const DeviceInfo& info) {
     return {false, ""};
 }
 
-Match matchRules(const DeviceInfo& info) {
+Match matchRules(const DeviceInfo& info) REQUIRES(rulesLock) {
     Match byClass = matchClass(info);
     return byClass.matched ? byClass : matchVendor(info);
 }
 
 // Any mode but "default" and "blacklist" is a whitelist, a rejected file's word included.
-Verdict judge(const std::string& mode, const DeviceInfo& info) {
-    if (mode == kModeDefault) return {true, "Enabled by default rule"};
+Verdict judge(const DeviceInfo& info) {
+    const AutoMutex lock(rulesLock);
+    const std::string mode = Util::getMode();
+    if (mode == kModeDefault) return {mode, true, "Enabled by default rule"};
     const Match match = matchRules(info);
     if (mode == kModeBlacklist) {
-        if (match.matched) return {false, "Blacklisted: " + match.reason};
-        return {true, "No matching rule found to Blacklist the device"};
+        if (match.matched) return {mode, false, "Blacklisted: " + match.reason};
+        return {mode, true, "No matching rule found to Blacklist the device"};
     }
-    if (match.matched) return {true, "Whitelisted: " + match.reason};
-    return {false, "No matching rule found to Whitelist the device"};
+    if (match.matched) return {mode, true, "Whitelisted: " + match.reason};
+    return {mode, false, "No matching rule found to Whitelist the device"};
 }
 
-void logDecision(const std::string& mode, const DeviceInfo& info, const Verdict& verdict) {
-    LOG(INFO) << "isDeviceAllowed called with mode: " << mode
+void logDecision(const DeviceInfo& info, const Verdict& verdict) {
+    LOG(INFO) << "isDeviceAllowed called with mode: " << verdict.mode
               << " DeviceInfo:= { DeviceId:" << info.deviceId << ", DeviceName: " << info.deviceName
               << ", ClassName: " << Util::getClassName(info.deviceClass) << "[ "
               << static_cast<uint32_t>(info.deviceClass)
@@ -279,17 +294,18 @@ ClassTexts interfaceTexts(const DeviceInfo& info) {
     return texts;
 }
 
-DeviceInfo makeRecord(const DeviceInfo& info, bool allowed, const std::string& reason) {
-    DeviceInfo record;
-    record.deviceName = info.deviceName;
-    record.deviceId = info.deviceId;
-    record.deviceClass = info.deviceClass;
-    record.interfaceClasses = info.interfaceClasses;
-    record.vendorId = info.vendorId;
-    record.productId = info.productId;
-    record.deviceType = info.deviceType;
-    record.status = allowed ? 1 : 0;
-    record.reason = reason;
+std::unique_ptr<DeviceInfo> makeRecord(const DeviceInfo& info, bool allowed,
+                                       const std::string& reason) {
+    auto record = std::make_unique<DeviceInfo>();
+    record->deviceName = info.deviceName;
+    record->deviceId = info.deviceId;
+    record->deviceClass = info.deviceClass;
+    record->interfaceClasses = info.interfaceClasses;
+    record->vendorId = info.vendorId;
+    record->productId = info.productId;
+    record->deviceType = info.deviceType;
+    record->status = allowed ? 1 : 0;
+    record->reason = reason;
     return record;
 }
 
@@ -303,6 +319,54 @@ void categorise(DeviceInfo* record, const std::vector<DeviceIdEntry>& interfaces
     }
     LOG(INFO) << " device category  " << record->category << " categoryPath "
               << record->categoryPath;
+}
+
+std::unique_ptr<DeviceInfo> makeUsbRecord(const DeviceInfo& info, bool allowed,
+                                          const std::string& reason) REQUIRES(UsbDevice::mapLock) {
+    std::unique_ptr<DeviceInfo> record = makeRecord(info, allowed, reason);
+    const std::vector<DeviceIdEntry> interfaces = UsbDevice::get_deviceid_data(info.deviceId);
+    LOG(INFO) << info.deviceName << " device added to mUsbDeviceInfoList ";
+    LOG(INFO) << "custom_struct size is " << interfaces.size();
+    categorise(record.get(), interfaces);
+    return record;
+}
+
+void forgetInterfaces(int deviceId) {
+    const AutoMutex lock(UsbDevice::mapLock);
+    UsbDevice::update_deviceid_map(deviceId, false);
+}
+
+using DeviceList = std::map<int32_t, std::unique_ptr<DeviceInfo>>;
+
+void appendCopies(const DeviceList& list, std::vector<DeviceInfo>* copies) {
+    for (const auto& [id, record] : list) copies->push_back(*record);
+}
+
+struct ListCopies {
+    std::vector<DeviceInfo> input;
+    std::vector<DeviceInfo> usb;
+};
+
+ListCopies copyLists() {
+    const AutoMutex lock(listLock);
+    ListCopies copies;
+    appendCopies(mInputDeviceInfoList, &copies.input);
+    appendCopies(mUsbDeviceInfoList, &copies.usb);
+    return copies;
+}
+
+// Into memory first: a client that does not read its end must hold up no decision.
+void dumpTopology(int fd) {
+    const unique_fd memory(memfd_create("kusd-dump", MFD_CLOEXEC));
+    if (memory == -1) PLOG(ERROR) << "No memory for the dump";
+    {
+        const AutoMutex lock(UsbDevice::mapLock);
+        UsbDevice::dump_print_test(memory);
+    }
+    std::string text;
+    lseek(memory, 0, SEEK_SET);
+    base::ReadFdToString(memory, &text);
+    base::WriteFully(fd, text.data(), text.size());
 }
 
 }  // namespace
@@ -336,6 +400,8 @@ Status KUsbService::registerKusCallback(const sp<IKUsbServiceCallback>& callback
     const sp<IBinder> binder = IInterface::asBinder(callback);
     LOG(INFO) << "registerKusCallback binder " << binder.get();
     const sp<CallbackDeathRecipient> recipient = new CallbackDeathRecipient(callback, this);
+    // Over both steps: a notice that comes between them waits, and finds its entry.
+    const AutoMutex lock(listLock);
     if (binder->linkToDeath(recipient) != OK) {
         LOG(ERROR) << "Failed to link death recipient to binder";
         return Status::ok();
@@ -350,6 +416,7 @@ Status KUsbService::unregisterKusCallback(const sp<IKUsbServiceCallback>& callba
     LOG(INFO) << "unregisterKusCallback called" << callback.get();
     const sp<IBinder> binder = IInterface::asBinder(callback);
     LOG(INFO) << "unregisterKusCallback binder" << binder.get();
+    const AutoMutex lock(listLock);
     const auto entry = findCallback(binder.get());
     if (entry == callbacks_.end()) {
         LOG(INFO) << "Given callback not registered with this list";
@@ -366,7 +433,10 @@ bool KUsbService::UnregisterInternal(CallbackMap::iterator entry) {
     const sp<CallbackDeathRecipient> recipient = entry->second;
     callbacks_.erase(entry);
     const sp<IBinder> binder = IInterface::asBinder(recipient->callback());
-    if (binder->unlinkToDeath(recipient, nullptr, 0, nullptr) != OK) {
+    const status_t unlinked = binder->unlinkToDeath(recipient, nullptr, 0, nullptr);
+    // The client died meanwhile: the notice is on its way, or waits for the lock already.
+    recipient->unregistered_ = unlinked == DEAD_OBJECT;
+    if (unlinked != OK) {
         LOG(ERROR) << "Failed to unlink death recipient from binder";
         return false;
     }
@@ -386,10 +456,15 @@ void KUsbService::CallbackDeathRecipient::binderDied(const wp<IBinder>& who) {
     const sp<IBinder> binder = IInterface::asBinder(callback_);
     CHECK(who.unsafe_get() == binder.get());
 
-    const std::lock_guard<std::mutex> lock(owner_->mutex_);
+    const AutoMutex registry(owner_->mutex_);
+    // Goes behind listLock: what it holds is the client's, and may end with it.
+    sp<CallbackDeathRecipient> erased;
+    const AutoMutex lock(listLock);
+    if (unregistered_) return;
     const auto iter = owner_->findCallback(binder.get());
     CHECK(iter != owner_->callbacks_.end());
     // A dead binder needs no unlink.
+    erased = iter->second;
     owner_->callbacks_.erase(iter);
     LOG(INFO) << "Size of callbacks at unregisterKusCallback binderDied "
               << owner_->callbacks_.size();
@@ -410,6 +485,7 @@ void KUsbService::logCallbacks(const char* text) const {
 
 // A snapshot in registry order: a client may register or unregister while it is being called.
 std::vector<sp<IKUsbServiceCallback>> KUsbService::callbacks() const {
+    const AutoMutex lock(listLock);
     std::vector<sp<IKUsbServiceCallback>> all;
     all.reserve(callbacks_.size());
     for (const auto& [binder, recipient] : callbacks_) all.push_back(recipient->callback());
@@ -418,29 +494,31 @@ std::vector<sp<IKUsbServiceCallback>> KUsbService::callbacks() const {
 
 Status KUsbService::getDeviceList(std::vector<DeviceInfo>* out) {
     LOG(INFO) << "--getDeviceList()--";
-    std::vector<DeviceInfo> completeDeviceInfoList;
-    completeDeviceInfoList.reserve(mInputDeviceInfoList.size() + mUsbDeviceInfoList.size());
-    for (const auto& [id, record] : mInputDeviceInfoList) completeDeviceInfoList.push_back(*record);
-    for (const auto& [id, record] : mUsbDeviceInfoList) completeDeviceInfoList.push_back(*record);
-    LOG(INFO) << "getDeviceList--completeDeviceInfoList size" << completeDeviceInfoList.size();
-    out->insert(out->end(), completeDeviceInfoList.begin(), completeDeviceInfoList.end());
+    const ListCopies lists = copyLists();
+    LOG(INFO) << "getDeviceList--completeDeviceInfoList size"
+              << lists.input.size() + lists.usb.size();
+    out->insert(out->end(), lists.input.begin(), lists.input.end());
+    out->insert(out->end(), lists.usb.begin(), lists.usb.end());
     return Status::ok();
 }
 
 // NOLINTNEXTLINE(performance-unnecessary-value-param): by value is part of its interface.
 void KUsbService::addDeviceList(DeviceInfo info, bool allowed, std::string reason) {
-    auto record = std::make_unique<DeviceInfo>(makeRecord(info, allowed, reason));
-    if (!isUsbDevice(info)) {
-        LOG(INFO) << info.deviceName << " device added to mInputDeviceInfoList";
-        mInputDeviceInfoList.emplace(info.deviceId, std::move(record));
+    if (isUsbDevice(info)) {
+        std::unique_ptr<DeviceInfo> record;
+        {
+            const AutoMutex lock(UsbDevice::mapLock);
+            record = makeUsbRecord(info, allowed, reason);
+        }
+        addUsbDevice(std::move(record));
         return;
     }
+    LOG(INFO) << info.deviceName << " device added to mInputDeviceInfoList";
+    const AutoMutex lock(listLock);
+    mInputDeviceInfoList.emplace(info.deviceId, makeRecord(info, allowed, reason));
+}
 
-    const std::vector<DeviceIdEntry> interfaces = UsbDevice::get_deviceid_data(info.deviceId);
-    LOG(INFO) << info.deviceName << " device added to mUsbDeviceInfoList ";
-    LOG(INFO) << "custom_struct size is " << interfaces.size();
-    categorise(record.get(), interfaces);
-
+void KUsbService::addUsbDevice(std::unique_ptr<DeviceInfo> record) {
     for (const sp<IKUsbServiceCallback>& callback : callbacks()) {
         if (verboseLogging) {
             LOG(INFO) << "addDeviceList: sending callback to client of onDeviceAdded  "
@@ -448,8 +526,9 @@ void KUsbService::addDeviceList(DeviceInfo info, bool allowed, std::string reaso
         }
         callback->onDeviceAdded(*record);
     }
+    const AutoMutex lock(listLock);
     // An id that is listed already keeps its first record, though the clients have heard: meant.
-    mUsbDeviceInfoList.emplace(info.deviceId, std::move(record));
+    mUsbDeviceInfoList.emplace(record->deviceId, std::move(record));
 }
 
 Status KUsbService::updateDeviceList(const DeviceInfo& info, int32_t status) {
@@ -472,13 +551,16 @@ Status KUsbService::updateDeviceList(const DeviceInfo& info, int32_t status) {
             }
             callback->onDeviceRemoved(info);
         }
-        UsbDevice::update_deviceid_map(info.deviceId, false);
+        forgetInterfaces(info.deviceId);
         LOG(INFO) << info.deviceName << " device removed from " << list;
+        const AutoMutex lock(listLock);
         mUsbDeviceInfoList.erase(info.deviceId);
     } else {
         LOG(INFO) << info.deviceName << " device removed from " << list;
+        const AutoMutex lock(listLock);
         mInputDeviceInfoList.erase(info.deviceId);
     }
+    const AutoMutex lock(listLock);
     LOG(INFO) << "updateDeviceList--mInputDeviceInfoList size: " << mInputDeviceInfoList.size()
               << " mUsbDeviceInfoList size: " << mUsbDeviceInfoList.size();
     return Status::ok();
@@ -490,22 +572,36 @@ Status KUsbService::isDeviceAllowed(const DeviceInfo& info, bool* result) {
         *result = true;
         return Status::ok();
     }
-    const std::string mode = Util::getMode();
-    if (isUsbDevice(info) && !passesHidScreening(info)) {
-        *result = false;
-        return Status::ok();
-    }
-
-    const Verdict verdict = judge(mode, info);
-    LOG(INFO) << "isDeviceAllowed res val:" << verdict.allowed;
-    if (!verdict.allowed && isUsbDevice(info)) {
-        LOG(INFO) << "isDeviceAllowed called and updating status authorized to 0";
-        UsbDevice::update_status(info.deviceId, 0);
-    }
-    addDeviceList(info, verdict.allowed, verdict.reason);
-    logDecision(mode, info, verdict);
-    *result = verdict.allowed;
+    *result = isUsbDevice(info) ? isUsbDeviceAllowed(info) : isInputDeviceAllowed(info);
     return Status::ok();
+}
+
+bool KUsbService::isUsbDeviceAllowed(const DeviceInfo& info) {
+    Verdict verdict;
+    std::unique_ptr<DeviceInfo> record;
+    {
+        // All that is read of the map is of this decision's own rescan.
+        const AutoMutex lock(UsbDevice::mapLock);
+        if (!passesHidScreening(info)) return false;
+        verdict = judge(info);
+        LOG(INFO) << "isDeviceAllowed res val:" << verdict.allowed;
+        if (!verdict.allowed) {
+            LOG(INFO) << "isDeviceAllowed called and updating status authorized to 0";
+            UsbDevice::update_status(info.deviceId, 0);
+        }
+        record = makeUsbRecord(info, verdict.allowed, verdict.reason);
+    }
+    addUsbDevice(std::move(record));
+    logDecision(info, verdict);
+    return verdict.allowed;
+}
+
+bool KUsbService::isInputDeviceAllowed(const DeviceInfo& info) {
+    const Verdict verdict = judge(info);
+    LOG(INFO) << "isDeviceAllowed res val:" << verdict.allowed;
+    addDeviceList(info, verdict.allowed, verdict.reason);
+    logDecision(info, verdict);
+    return verdict.allowed;
 }
 
 Status KUsbService::resetUsbDevices(int32_t value) {
@@ -519,15 +615,16 @@ status_t KUsbService::dump(int fd, const Vector<String16>& args) {
         LOG(INFO) << "args[0] is" << String8(args[0]).string();
         if (args[0] == String16("test")) {
             dprintf(fd, "USB Test \n");
-            UsbDevice::dump_print_test(fd);
+            dumpTopology(fd);
         }
         return OK;
     }
     dprintf(fd, "USB DEVICE INFO ");
-    LOG(INFO) << "mInputDeviceInfoList size " << mInputDeviceInfoList.size()
-              << "mUsbDeviceInfoList size " << mUsbDeviceInfoList.size();
-    for (const auto& [id, record] : mInputDeviceInfoList) dumpPrint(fd, *record);
-    for (const auto& [id, record] : mUsbDeviceInfoList) dumpPrint(fd, *record);
+    const ListCopies lists = copyLists();
+    LOG(INFO) << "mInputDeviceInfoList size " << lists.input.size() << "mUsbDeviceInfoList size "
+              << lists.usb.size();
+    for (const DeviceInfo& record : lists.input) dumpPrint(fd, record);
+    for (const DeviceInfo& record : lists.usb) dumpPrint(fd, record);
     return OK;
 }
 

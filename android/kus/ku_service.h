@@ -6,7 +6,7 @@
 #include <stdint.h>
 
 #include <map>
-#include <mutex>
+#include <memory>
 #include <string>
 #include <vector>
 
@@ -16,17 +16,24 @@
 #include <binder/IBinder.h>
 #include <binder/Status.h>
 #include <utils/Errors.h>
+#include <utils/Mutex.h>
 #include <utils/String16.h>
 #include <utils/StrongPointer.h>
 #include <utils/Vector.h>
+
+#include "android/kus/constants.h"
 
 namespace android::kus {
 
 /**
  * The service "kusbservice": judges devices, remembers what it judged, and tells its clients.
  *
- * Binder threads call the operations; every one answers ok and carries its result in an
- * out-parameter. The device lists are process-wide, the registry of callbacks is the object's.
+ * Binder threads call the operations, many at once; every one answers ok and carries its result in
+ * an out-parameter. The device lists are process-wide, the registry of callbacks is the object's.
+ *
+ * A client is called on the thread that made the change, without a lock: it may call the service
+ * from there. One that does not return holds up nobody but whoever has a USB device announced to
+ * it. A change that was under way is still told to a client that has unregistered meanwhile.
  */
 class KUsbService : public BnKUsbService {
   public:
@@ -89,15 +96,19 @@ class KUsbService : public BnKUsbService {
         const sp<IKUsbServiceCallback>& callback() const { return callback_; }
 
       private:
+        friend class KUsbService;
+
         sp<IKUsbServiceCallback> callback_;
         KUsbService* owner_;
+        /** Its entry was taken out when the notice was under way already: nothing is to be done. */
+        bool unregistered_ GUARDED_BY(listLock) = false;
     };
 
     /** By the client's binder object; a callback registered twice has two entries. */
     using CallbackMap = std::multimap<IBinder*, sp<CallbackDeathRecipient>>;
 
     /** Erases the entry; false when its death notice could not be taken back. */
-    bool UnregisterInternal(CallbackMap::iterator entry);
+    bool UnregisterInternal(CallbackMap::iterator entry) REQUIRES(listLock);
 
     // --- Configuration observer ----------------------------------------------------------------
 
@@ -121,14 +132,18 @@ class KUsbService : public BnKUsbService {
     static void stopFileObserver();
 
   private:
+    bool isUsbDeviceAllowed(const DeviceInfo& info);
+    bool isInputDeviceAllowed(const DeviceInfo& info);
+    void addUsbDevice(std::unique_ptr<DeviceInfo> record);
+
     /** The first entry of the binder, or the end. */
-    CallbackMap::iterator findCallback(IBinder* binder);
-    void logCallbacks(const char* text) const;
-    std::vector<sp<IKUsbServiceCallback>> callbacks() const;
+    CallbackMap::iterator findCallback(IBinder* binder) REQUIRES(listLock);
+    void logCallbacks(const char* text) const REQUIRES(listLock);
+    std::vector<sp<IKUsbServiceCallback>> callbacks() const EXCLUDES(listLock);
 
     /** Taken by the death notice alone. */
-    std::mutex mutex_;
-    CallbackMap callbacks_;
+    Mutex mutex_;
+    CallbackMap callbacks_ GUARDED_BY(listLock);
 };
 
 }  // namespace android::kus

@@ -14,8 +14,11 @@
 // Devices that are attached already come through a decision again when their controller goes out of
 // host mode and back (usb_host_reset). The pauses there are the hardware's.
 //
-// Threads: the poll thread of a virtual dock; everything else runs on its callers'. Callers keep
-// rescans and uses of the map apart. Locks: resetLock, for the whole of a reset.
+// Threads: the poll thread of a virtual dock; everything else runs on its callers'.
+//
+// Locks: resetLock, for the whole of a reset, its pauses included: nobody but another reset waits
+// for it. mapLock, by the callers of a rescan and of the map's operations; taken here by a virtual
+// dock alone, behind resetLock, for its look into the map.
 
 #include "android/kus/usbdevice.h"
 
@@ -32,7 +35,7 @@
 #include <atomic>
 #include <chrono>
 #include <memory>
-#include <mutex>
+#include <optional>
 #include <sstream>
 #include <thread>
 
@@ -47,6 +50,7 @@ namespace android::kus {
 
 using android::base::unique_fd;
 
+Mutex UsbDevice::mapLock;
 std::multimap<int32_t, DeviceIdEntry> UsbDevice::DeviceIdMap;
 usbbusnode* UsbDevice::bus_list = nullptr;
 listnode UsbDevice::device_list = {&UsbDevice::device_list, &UsbDevice::device_list};
@@ -80,7 +84,7 @@ constexpr auto kModePause = std::chrono::milliseconds(100);
 constexpr auto kPollPause = std::chrono::milliseconds(400);
 
 // Held for the whole of a reset, its pauses included.
-std::mutex resetLock;
+Mutex resetLock;
 // Set when the running virtual dock is over; ends the poll thread. The only thing that the two
 // share: each keeps the text that it reads of a supply to itself, because it looks at no other.
 std::atomic<bool> virtualDockDone = false;
@@ -188,13 +192,13 @@ void freeNodes(listnode* list, Convert convert) {
     }
 }
 
-void assign_dev_to_bus(usbdevice* device) {
+void assign_dev_to_bus(usbdevice* device) REQUIRES(UsbDevice::mapLock) {
     for (usbbusnode* bus = UsbDevice::bus_list; bus != nullptr; bus = bus->next) {
         if (bus->busnum == device->busnum) appendToChain(&bus->first_child, device);
     }
 }
 
-void linkDevice(usbdevice* device) {
+void linkDevice(usbdevice* device) REQUIRES(UsbDevice::mapLock) {
     if (device->parent_portnum != 0) {
         KUS_TRACE << "calling assign_dev_to_parent usbdevice:" << device->name;
         UsbDevice::assign_dev_to_parent(device);
@@ -204,7 +208,7 @@ void linkDevice(usbdevice* device) {
     assign_dev_to_bus(device);
 }
 
-void linkInterfaces(usbdevice* device) {
+void linkInterfaces(usbdevice* device) REQUIRES(UsbDevice::mapLock) {
     listnode* node;
     list_for_each(node, &UsbDevice::interface_list) {
         usbinterface* interface = interfaceAt(node);
@@ -233,7 +237,7 @@ DeviceIdEntry makeEntry(const usbinterface& interface, const usbdevice& device) 
     return entry;
 }
 
-void addToMap(usbinterface* interface) {
+void addToMap(usbinterface* interface) REQUIRES(UsbDevice::mapLock) {
     KUS_TRACE << "creating object and populating map  usbinterface:" << interface->name
               << " and class: " << interface->bInterfaceClass;
     if (interface->parent == nullptr) return;
@@ -451,6 +455,14 @@ void flipDisplayLinkController(const std::string& modePath, int delay) {
     std::this_thread::sleep_for(kModePause);
 }
 
+std::optional<DeviceIdEntry> firstDisplayLinkDevice() {
+    const AutoMutex lock(UsbDevice::mapLock);
+    for (const auto& [id, entry] : UsbDevice::DeviceIdMap) {
+        if (entry.idVendor == kDisplayLinkVendor) return entry;
+    }
+    return std::nullopt;
+}
+
 // The mode file of the controller that a device-tree path such as /soc/ssusb@a800000/dwc3@a800000
 // names: the kernel calls the platform device of a node "name@address" "address.name". Empty for a
 // path without such a node, "(null)" included.
@@ -463,11 +475,11 @@ std::string modePathOf(const std::string& devspec) {
     return kSocPath + pieces[1] + "." + pieces[0] + "/mode";
 }
 
-void inspectEntries(DIR* dir) {
+void inspectEntries(DIR* dir) REQUIRES(UsbDevice::mapLock) {
     while (const dirent* entry = readdir(dir)) UsbDevice::inspect_bus_entry(entry->d_name);
 }
 
-void freeAllNodes() {
+void freeAllNodes() REQUIRES(UsbDevice::mapLock) {
     UsbDevice::delete_all_nodes();
     UsbDevice::empty_list();
 }
@@ -860,7 +872,7 @@ void UsbDevice::dump_print_test(int fd) {
 
 void UsbDevice::usb_host_reset(int delay) {
     LOG(INFO) << "usb_host_reset entered:";
-    const std::lock_guard<std::mutex> lock(resetLock);
+    const AutoMutex lock(resetLock);
     if (delay >= 1) {
         virtual_undock_dock_event(delay);
         return;
@@ -879,14 +891,12 @@ void UsbDevice::virtual_undock_dock_event(int delay) {
 }
 
 std::string UsbDevice::get_displaylink_soc_path() {
-    const auto device = std::find_if(DeviceIdMap.begin(), DeviceIdMap.end(), [](const auto& item) {
-        return item.second.idVendor == kDisplayLinkVendor;
-    });
-    if (device == DeviceIdMap.end()) return kNoDisplayLink;
+    const std::optional<DeviceIdEntry> device = firstDisplayLinkDevice();
+    if (!device) return kNoDisplayLink;
 
     // One character of the bus number: of bus 10 the root hub of bus 1 is asked. Meant.
     const std::string path =
-            std::string(kUsbDevicesPath) + "/usb" + device->second.interface_name[0] + "/devspec";
+            std::string(kUsbDevicesPath) + "/usb" + device->interface_name[0] + "/devspec";
     LOG(INFO) << "get_displaylink_soc_path " << path;
     const std::string devspec = readText(path);
     if (devspec.empty()) return "";

@@ -10,6 +10,7 @@
 #include <vector>
 
 #include <cutils/list.h>
+#include <utils/Mutex.h>
 
 namespace android::kus {
 
@@ -126,9 +127,9 @@ struct DeviceIdEntry {
 /**
  * The USB devices as the kernel shows them in sysfs, and the switch that blocks them.
  *
- * All state is process-wide; there are no objects. Nothing here but usb_host_reset() takes a lock:
- * a rescan must not overlap another rescan or a look into the map, and callers see to that. The
- * sysfs primitives have no state and may be called from any thread.
+ * All state is process-wide; there are no objects. Who rescans or uses the map holds mapLock, and
+ * has the picture of one rescan as long as it does. The sysfs primitives have no state and may be
+ * called from any thread.
  *
  * A device id is bus number * 1000 + device number. No operation reports a failure other than by
  * its result: what cannot be read is missing from the picture, with a message in the log, on
@@ -138,34 +139,41 @@ class UsbDevice {
   public:
     UsbDevice() = delete;
 
+    /**
+     * Held from a rescan to the last look at what it found. Whoever holds it may be waiting for the
+     * kernel: an attribute's read waits while the device's driver is being bound or unbound.
+     */
+    static Mutex mapLock;
+
     // --- Topology ------------------------------------------------------------------------------
 
     /** One rescan: afterwards the map holds what is attached now, and the node lists are empty. */
-    static void create_usb_device_map();
+    static void create_usb_device_map() REQUIRES(mapLock);
 
     /** Takes one entry of the USB device directory: a bus, a device, an interface, or ignored. */
-    static void inspect_bus_entry(const char* name);
-    static void add_usb_bus(const char* name);
-    static void add_usb_device(const char* name);
-    static void add_usb_interface(const char* name);
+    static void inspect_bus_entry(const char* name) REQUIRES(mapLock);
+    static void add_usb_bus(const char* name) REQUIRES(mapLock);
+    static void add_usb_device(const char* name) REQUIRES(mapLock);
+    static void add_usb_interface(const char* name) REQUIRES(mapLock);
     /** Fills bus->driver; leaves it empty when there is no driver link. */
     static void get_roothub_driver(usbbusnode* bus, const char* name);
 
     /** Links the records by their names, then fills the map from the linked interfaces. */
-    static void connect_devices();
-    static void assign_dev_to_parent(usbdevice* device);
-    static void assign_interface_to_parent(usbdevice* device, usbinterface* interface);
+    static void connect_devices() REQUIRES(mapLock);
+    static void assign_dev_to_parent(usbdevice* device) REQUIRES(mapLock);
+    static void assign_interface_to_parent(usbdevice* device, usbinterface* interface)
+            REQUIRES(mapLock);
 
     /** Frees every device and interface record. */
-    static void delete_all_nodes();
+    static void delete_all_nodes() REQUIRES(mapLock);
     /** Frees every bus record. */
-    static void empty_list();
+    static void empty_list() REQUIRES(mapLock);
 
     // Printing of the linked records. The descriptor stays the caller's.
-    static void print_tree(int fd);
+    static void print_tree(int fd) REQUIRES(mapLock);
     static void print_tree_dev_children(usbdevice* device, int fd);
     static void print_usbdevice(usbdevice* device, usbinterface* interface, int fd);
-    static void print_interfacelist(int fd);
+    static void print_interfacelist(int fd) REQUIRES(mapLock);
 
     // --- Device-id map -------------------------------------------------------------------------
 
@@ -173,10 +181,10 @@ class UsbDevice {
     static void populate_category_device(usbinterface* interface);
 
     /** Copies of the entries of a device, one per interface; empty for an unknown id. */
-    static std::vector<DeviceIdEntry> get_deviceid_data(int deviceId);
+    static std::vector<DeviceIdEntry> get_deviceid_data(int deviceId) REQUIRES(mapLock);
 
     /** Has an interface of the device the vendor-HID category? */
-    static bool check_vendor_hid(int deviceId);
+    static bool check_vendor_hid(int deviceId) REQUIRES(mapLock);
 
     /**
      * Writes '0' (status 0) or '1' to "authorized" of each interface of the device: the
@@ -184,16 +192,16 @@ class UsbDevice {
      *
      * The first interface that cannot be opened or written ends the walk.
      */
-    static void update_status(int deviceId, int status);
+    static void update_status(int deviceId, int status) REQUIRES(mapLock);
 
     /** With keep false, forgets the device's entries; with keep true, nothing. */
-    static void update_deviceid_map(int deviceId, bool keep);
+    static void update_deviceid_map(int deviceId, bool keep) REQUIRES(mapLock);
 
     /** Logs the map; prints it as well unless fd is -1. */
-    static void print_deviceid_map(int fd);
+    static void print_deviceid_map(int fd) REQUIRES(mapLock);
 
     /** Rescans and prints tree, interfaces and map. */
-    static void dump_print_test(int fd);
+    static void dump_print_test(int fd) REQUIRES(mapLock);
 
     // --- Controllers, dock and power supplies --------------------------------------------------
 
@@ -204,9 +212,10 @@ class UsbDevice {
      * delay 1 or more is a virtual undock and dock, that many milliseconds apart.
      *
      * Any thread may call it; resets wait for each other, each for the whole time of the others. A
-     * virtual dock looks into the map. A controller that cannot be read or written stays as it is.
+     * virtual dock takes mapLock for its look into the map. A controller that cannot be read or
+     * written stays as it is.
      */
-    static void usb_host_reset(int delay);
+    static void usb_host_reset(int delay) EXCLUDES(mapLock);
 
     /**
      * The virtual undock and dock of usb_host_reset(), which alone calls it; delay in milliseconds.
@@ -218,7 +227,7 @@ class UsbDevice {
      * A supply of the first case whose text is no number ends the process (uncaught conversion
      * failure, SIGABRT); in the second one only a leading '0' is no power.
      */
-    static void virtual_undock_dock_event(int delay);
+    static void virtual_undock_dock_event(int delay) EXCLUDES(mapLock);
 
     /**
      * The mode file of the controller on which the map's first DisplayLink device hangs.
@@ -226,7 +235,7 @@ class UsbDevice {
      * "empty" without such a device. An empty text when the root hub's "devspec", the path of the
      * controller's device-tree node, cannot be read or does not name a controller.
      */
-    static std::string get_displaylink_soc_path();
+    static std::string get_displaylink_soc_path() EXCLUDES(mapLock);
 
     /** Starts the thread that watches the DC supply; a failure is only logged. */
     static void registersysfsObserverViaThread();
@@ -269,12 +278,12 @@ class UsbDevice {
     // --- State ---------------------------------------------------------------------------------
 
     /** One entry per interface that has a device; equal ids in interface order. */
-    static std::multimap<int32_t, DeviceIdEntry> DeviceIdMap;
+    static std::multimap<int32_t, DeviceIdEntry> DeviceIdMap GUARDED_BY(mapLock);
 
     // The records of a running rescan; empty between rescans.
-    static usbbusnode* bus_list;
-    static listnode device_list;
-    static listnode interface_list;
+    static usbbusnode* bus_list GUARDED_BY(mapLock);
+    static listnode device_list GUARDED_BY(mapLock);
+    static listnode interface_list GUARDED_BY(mapLock);
 
     /** Logs each step of a rescan. Off, and nothing in the daemon turns it on. */
     static bool trace;

@@ -8,6 +8,8 @@
 #include <algorithm>
 #include <fstream>
 #include <iterator>
+#include <map>
+#include <optional>
 #include <utility>
 
 #include <android-base/logging.h>
@@ -26,6 +28,15 @@ constexpr unsigned int kNoSuchClass = 0xFFFFFFFF;
 
 // The input-source bits below these tell the source's class (button, pointer, ...), not the source.
 constexpr int kSourceClassMask = 0xFF;
+
+// What a file says, up to its first error.
+struct Rules {
+    /** None when the file ended before one was read: the one in force stays. */
+    std::optional<std::string> mode;
+    std::vector<int32_t> classList;
+    std::map<int32_t, std::string> classMap;
+    std::multimap<int32_t, int32_t> vidPidMap;
+};
 
 // A document of comments alone loads and has no root: reading its name faults, and the crash
 // handler restores the last good file. Meant, so there is no check, and no sanitizer's either.
@@ -67,7 +78,7 @@ bool fail(const char* logText, const std::string& text) {
     return false;
 }
 
-bool readClass(const XMLElement& element) {
+bool readClass(const XMLElement& element, Rules* rules) {
     const char* text = element.GetText();
     if (text == nullptr) return fail("error in class val= ", "EMPTY CLASS VALUE");
     const std::string name = text;
@@ -77,13 +88,13 @@ bool readClass(const XMLElement& element) {
     if (code == kNoSuchClass || Util::validateRestrictedClass(code)) {
         return fail("error in class val= ", "INVALID CLASS VALUE:" + name);
     }
-    configClassMap.emplace(static_cast<int32_t>(code), name);
-    configClassList.push_back(static_cast<int32_t>(code));
+    rules->classMap.emplace(static_cast<int32_t>(code), name);
+    rules->classList.push_back(static_cast<int32_t>(code));
     LOG(INFO) << "class val--" << code;
     return true;
 }
 
-bool readProduct(const std::string& vendorId, const XMLElement& element) {
+bool readProduct(const std::string& vendorId, const XMLElement& element, Rules* rules) {
     const char* text = element.GetText();
     if (text == nullptr) return fail("error in pid val= ", "EMPTY PRODUCT ID VALUE");
     const std::string productId = text;
@@ -94,11 +105,11 @@ bool readProduct(const std::string& vendorId, const XMLElement& element) {
     LOG(INFO) << "pid value print in while--" << productId;
     // A number beyond 32 bits throws, nobody catches, and the crash handler restores the last good
     // file: meant, here and for the vendor without products.
-    vidPidMap.emplace(std::stoi(vendorId), std::stoi(productId));
+    rules->vidPidMap.emplace(std::stoi(vendorId), std::stoi(productId));
     return true;
 }
 
-bool readVendor(const XMLElement& element) {
+bool readVendor(const XMLElement& element, Rules* rules) {
     const char* attribute = element.Attribute("vendorid");
     if (attribute == nullptr) {
         return fail("error in ATTRIBUTE value= ", "vendorid TAG NOT PRESENT");
@@ -113,24 +124,24 @@ bool readVendor(const XMLElement& element) {
     const XMLElement* product = element.FirstChildElement("pid");
     if (product == nullptr) {
         LOG(INFO) << "pid value print in else--";
-        vidPidMap.emplace(std::stoi(vendorId), ANY_PRODUCT_ID);
+        rules->vidPidMap.emplace(std::stoi(vendorId), ANY_PRODUCT_ID);
         return true;
     }
     // From the first "pid" on, a sibling of any name is a product id: meant.
     for (; product != nullptr; product = product->NextSiblingElement()) {
-        if (!readProduct(vendorId, *product)) return false;
+        if (!readProduct(vendorId, *product, rules)) return false;
     }
     return true;
 }
 
-bool readRule(const XMLElement& element) {
+bool readRule(const XMLElement& element, Rules* rules) {
     const std::string name = element.Value();
-    if (name == "class") return readClass(element);
-    if (name == "vid") return readVendor(element);
+    if (name == "class") return readClass(element, rules);
+    if (name == "vid") return readVendor(element, rules);
     return fail("error in class value= ", "INVALID TAG:" + name);
 }
 
-void readRules(const XMLElement& root) {
+void readRules(const XMLElement& root, Rules* rules) {
     const XMLElement* rule = root.FirstChildElement();
     if (rule == nullptr) {
         LOG(INFO) << "no element, blocking all device";
@@ -141,9 +152,52 @@ void readRules(const XMLElement& root) {
     }
     LOG(INFO) << " before while first child element name " << rule->Value();
     for (; rule != nullptr; rule = rule->NextSiblingElement()) {
-        if (!readRule(*rule)) return;
+        if (!readRule(*rule, rules)) return;
     }
     xml_parse_status = true;
+}
+
+void readConfig(const std::string& path, Rules* rules) {
+    XMLDocument document(/*processEntities=*/true, tinyxml2::PRESERVE_WHITESPACE);
+    document.LoadFile(path.c_str());
+    xml_parse_status = false;
+    if (document.Error()) {
+        reportLoadFailure(document);
+        return;
+    }
+
+    const XMLElement* root = document.FirstChildElement();
+    const std::string name = nameOfRoot(root);
+    if (name != "usbconfig") {
+        reportBadRoot(name);
+        return;
+    }
+    if (root->FindAttribute("mode") == nullptr) {
+        reportMissingMode();
+        return;
+    }
+
+    const std::string mode = root->Attribute("mode");
+    LOG(INFO) << "attribute--" << mode;
+    rules->mode = mode;
+    if (mode == "default") {
+        xml_parse_status = true;
+        return;
+    }
+    if (mode != "whitelist" && mode != "blacklist") {
+        reportBadMode();
+        return;
+    }
+    readRules(*root, rules);
+}
+
+// The rules that stood before are left in *rules, to be freed without the lock.
+void putInForce(Rules* rules) {
+    const AutoMutex lock(rulesLock);
+    if (rules->mode) configMode.swap(*rules->mode);
+    configClassList.swap(rules->classList);
+    configClassMap.swap(rules->classMap);
+    vidPidMap.swap(rules->vidPidMap);
 }
 
 bool occursIn(const std::vector<int32_t>& codes, unsigned int code) {
@@ -178,41 +232,9 @@ bool isDirectory(const std::string& path) {
 }
 
 void Util::createMapFromConfig(const std::string& path) {
-    XMLDocument document(/*processEntities=*/true, tinyxml2::PRESERVE_WHITESPACE);
-    configClassList.clear();
-    configClassMap.clear();
-    vidPidMap.clear();
-
-    document.LoadFile(path.c_str());
-    xml_parse_status = false;
-    if (document.Error()) {
-        reportLoadFailure(document);
-        return;
-    }
-
-    const XMLElement* root = document.FirstChildElement();
-    const std::string name = nameOfRoot(root);
-    if (name != "usbconfig") {
-        reportBadRoot(name);
-        return;
-    }
-    if (root->FindAttribute("mode") == nullptr) {
-        reportMissingMode();
-        return;
-    }
-
-    const std::string mode = root->Attribute("mode");
-    LOG(INFO) << "attribute--" << mode;
-    configMode = mode;
-    if (configMode == "default") {
-        xml_parse_status = true;
-        return;
-    }
-    if (configMode != "whitelist" && configMode != "blacklist") {
-        reportBadMode();
-        return;
-    }
-    readRules(*root);
+    Rules rules;
+    readConfig(path, &rules);
+    putInForce(&rules);
 }
 
 unsigned int Util::convert(const std::string& name) {

@@ -6,6 +6,10 @@
 #include <string>
 #include <vector>
 
+#include <utils/Mutex.h>
+
+#include "android/kus/constants.h"
+
 namespace android::kus {
 
 // False for what is not there, links to nowhere included.
@@ -15,8 +19,8 @@ bool isDirectory(const std::string& path);
 /**
  * The administrator's rules: parsing them, asking them, and the files that tell their outcome.
  *
- * All state is process-wide (android/kus/constants.h); there are no objects. Nothing here takes a
- * lock: whoever parses while others ask must keep them apart.
+ * All state is process-wide (android/kus/constants.h); there are no objects. Whoever asks holds
+ * rulesLock, and gets all answers from one file as long as it does.
  */
 class Util {
   public:
@@ -25,7 +29,8 @@ class Util {
     // --- Parsing -------------------------------------------------------------------------------
 
     /**
-     * Reads the configuration file and replaces the rules in force with what it says.
+     * Reads the configuration file and replaces the rules in force with what it says, all at once
+     * and at the end: who asks meanwhile gets the rules that stood before. One thread at a time.
      *
      * Success sets xml_parse_status. A failure clears it, puts the reason into errorMessage and
      * into the status file, and leaves the rules that stood before the failing one; a file that
@@ -36,7 +41,7 @@ class Util {
      * 2147483647 (uncaught std::out_of_range, SIGABRT). The crash handler answers both by
      * restoring the last good file.
      */
-    static void createMapFromConfig(const std::string& path);
+    static void createMapFromConfig(const std::string& path) EXCLUDES(rulesLock);
 
     /** The code of a name of usbClassTable, matched whole; 0xFFFFFFFF for any other text. */
     static unsigned int convert(const std::string& name);
@@ -47,10 +52,10 @@ class Util {
     // --- Asking --------------------------------------------------------------------------------
 
     /** The mode in force: "default", "whitelist", "blacklist", or a rejected file's word. */
-    static std::string getMode();
+    static std::string getMode() REQUIRES(rulesLock);
 
     /** Does a class rule name this class or input-source code? */
-    static bool validateClass(unsigned int classCode);
+    static bool validateClass(unsigned int classCode) REQUIRES(rulesLock);
 
     /** Is this one of restrictedClasses? */
     static bool validateRestrictedClass(unsigned int classCode);
@@ -62,10 +67,10 @@ class Util {
      * the whole table: a vendor with product rules only is matched by a vendor-only rule of any
      * larger vendor id.
      */
-    static bool validateVid(int vendorId);
+    static bool validateVid(int vendorId) REQUIRES(rulesLock);
 
     /** Does a rule name exactly this pair? -1 as product asks for a rule without products. */
-    static bool validateVidPid(int vendorId, int productId);
+    static bool validateVidPid(int vendorId, int productId) REQUIRES(rulesLock);
 
     /** The name of a code of usbClassTable; one blank, never an empty text, for any other. */
     static std::string getClassName(int code);
