@@ -5,7 +5,6 @@
 #include <stdlib.h>
 #include <unistd.h>
 
-#include <fstream>
 #include <ostream>
 #include <string_view>
 
@@ -21,12 +20,10 @@
 namespace android::kus {
 namespace {
 
-void writeDefaultConfig() {
-    std::ofstream file(configFilePath);
-    file << "<?xml version=\"1.0\" encoding=\"UTF-8\"?>\n"
-            "<usbconfig mode=\"default\">\n"
-            "</usbconfig>";
-}
+constexpr char kDefaultConfig[] =
+        "<?xml version=\"1.0\" encoding=\"UTF-8\"?>\n"
+        "<usbconfig mode=\"default\">\n"
+        "</usbconfig>";
 
 // The one-shot task of the platform's boot: a terminal without rules gets those that allow all.
 void runStartupTasks() {
@@ -37,7 +34,7 @@ void runStartupTasks() {
     }
     LOG(INFO) << "Directory exist, creating file";
     if (exists(configFilePath)) return;
-    writeDefaultConfig();
+    replaceFile(configFilePath, kDefaultConfig);
 }
 
 // Room for the slowest unwinding.

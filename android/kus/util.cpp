@@ -3,22 +3,27 @@
 
 #include "android/kus/util.h"
 
+#include <fcntl.h>
+#include <stdio.h>
 #include <sys/stat.h>
+#include <unistd.h>
 
 #include <algorithm>
-#include <fstream>
 #include <iterator>
 #include <map>
 #include <optional>
 #include <utility>
 
+#include <android-base/file.h>
 #include <android-base/logging.h>
+#include <android-base/unique_fd.h>
 #include <tinyxml2.h>
 
 #include "android/kus/constants.h"
 
 namespace android::kus {
 
+using android::base::unique_fd;
 using tinyxml2::XMLDocument;
 using tinyxml2::XMLElement;
 
@@ -204,18 +209,58 @@ bool occursIn(const std::vector<int32_t>& codes, unsigned int code) {
     return std::count(codes.begin(), codes.end(), static_cast<int32_t>(code)) > 0;
 }
 
-// Writes each line that can be read; false when there was nowhere to write one.
-bool copyLines(std::ifstream& in, std::ofstream& out) {
+unique_fd openToRead(const std::string& path) {
+    return unique_fd(open(path.c_str(), O_RDONLY | O_CLOEXEC));
+}
+
+unique_fd openToReplace(const std::string& path) {
+    constexpr mode_t kMode = 0666;
+    return unique_fd(open(path.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, kMode));
+}
+
+// The directory as well: the file's name may be new.
+bool writeToDisk(const unique_fd& file, const std::string& path, const std::string& content) {
+    if (!base::WriteFully(file, content.data(), content.size())) return false;
+    if (fsync(file) != 0) return false;
+    return fsync(openToRead(path.substr(0, path.rfind('/') + 1))) == 0;
+}
+
+// Hands over each line, without its line feed, as soon as it is there.
+template <typename Take>
+void readLines(const unique_fd& in, Take take) {
+    std::string rest;
+    char chunk[BUFSIZ];
+    for (ssize_t count; (count = TEMP_FAILURE_RETRY(read(in, chunk, sizeof(chunk)))) > 0;) {
+        size_t searched = rest.size();
+        size_t begin = 0;
+        rest.append(chunk, count);
+        for (size_t end; (end = rest.find('\n', searched)) != std::string::npos;) {
+            take(rest.substr(begin, end - begin));
+            searched = begin = end + 1;
+        }
+        rest.erase(0, begin);
+    }
+    if (!rest.empty()) take(rest);
+}
+
+// False when there was nothing to read from, or nowhere to write a line.
+bool copyLines(const unique_fd& in, const unique_fd& out, const std::string& dst) {
+    if (in == -1) {
+        LOG(ERROR) << "USB device error is source file open";
+        return false;
+    }
     bool copied = true;
-    for (std::string line; std::getline(in, line);) {
-        if (!out.is_open()) {
+    std::string copy;
+    readLines(in, [&](const std::string& line) {
+        if (out == -1) {
             LOG(ERROR) << "ODM error in dest file open";
             copied = false;
-            continue;
+            return;
         }
         LOG(INFO) << line;
-        out << line << '\n';
-    }
+        copy += line + '\n';
+    });
+    writeToDisk(out, dst, copy);
     return copied;
 }
 
@@ -229,6 +274,11 @@ bool exists(const std::string& path) {
 bool isDirectory(const std::string& path) {
     struct stat info {};
     return stat(path.c_str(), &info) == 0 && S_ISDIR(info.st_mode);
+}
+
+bool replaceFile(const std::string& path, const std::string& content) {
+    const unique_fd file = openToReplace(path);
+    return file != -1 && writeToDisk(file, path, content);
 }
 
 void Util::createMapFromConfig(const std::string& path) {
@@ -314,27 +364,20 @@ std::vector<int> Util::checkMultiClass(int sourceBits) {
 // NOLINTNEXTLINE(performance-unnecessary-value-param)
 void Util::updateErrorFile(std::string path, std::string message) {
     LOG(INFO) << "updateErrorFile called with error message : " << message;
-    std::ofstream file(path);
-    if (!file.is_open()) return;
-    file << message;
+    replaceFile(path, message);
 }
 
 // NOLINTNEXTLINE(performance-unnecessary-value-param)
 bool Util::copyFileContent(std::string src, std::string dst) {
     LOG(INFO) << " USB xml src path is " << src;
     LOG(INFO) << "USB xml dest path is " << dst;
-    // Both before either is looked at: dst is emptied even when src cannot be read.
-    std::ifstream in(src);
-    std::ofstream out(dst);
+    const unique_fd in = openToRead(src);
+    // Whoever wrote it may have left it in memory.
+    fsync(in);
+    // Before in is looked at: dst is emptied even when src cannot be read.
+    const unique_fd out = openToReplace(dst);
 
-    bool copied = false;
-    if (in.is_open()) {
-        copied = copyLines(in, out);
-    } else {
-        LOG(ERROR) << "USB device error is source file open";
-    }
-    in.close();
-    out.close();
+    const bool copied = copyLines(in, out, dst);
     // Logged for failures, too: meant.
     LOG(INFO) << "Usb Device config file copied successfully..!!";
     return copied;

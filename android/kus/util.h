@@ -17,6 +17,14 @@ bool exists(const std::string& path);
 bool isDirectory(const std::string& path);
 
 /**
+ * Replaces a file's content in place, or makes the file; false when it cannot be opened or written.
+ *
+ * Content and name are on disk when it returns; who watches the directory sees one close behind a
+ * write. Takes no lock.
+ */
+bool replaceFile(const std::string& path, const std::string& content);
+
+/**
  * The administrator's rules: parsing them, asking them, and the files that tell their outcome.
  *
  * All state is process-wide (android/kus/constants.h); there are no objects. Whoever asks holds
@@ -85,7 +93,7 @@ class Util {
     // --- Files ---------------------------------------------------------------------------------
 
     /**
-     * Replaces the content of a file with a text, without a line end.
+     * Replaces the content of a file with a text, without a line end; on disk when it returns.
      *
      * A file that cannot be opened is silently not written. Takes no lock and is called by the
      * crash handler.
@@ -94,6 +102,9 @@ class Util {
 
     /**
      * Replaces the content of dst with the lines of src, each ended by one line feed.
+     *
+     * src is on disk before dst is emptied, dst when it returns: one of the two survives the loss
+     * of power at any moment.
      *
      * False when src or, with at least one line to write, dst could not be opened. dst is emptied
      * even when src cannot be read. Takes no lock and is called by the crash handler.
