@@ -5,6 +5,7 @@
 #include <stdlib.h>
 #include <unistd.h>
 
+#include <atomic>
 #include <ostream>
 #include <string_view>
 
@@ -40,10 +41,23 @@ void runStartupTasks() {
 // Room for the slowest unwinding.
 constexpr unsigned int kCrashTimeoutSeconds = 30;
 
+// The thread whose fault ends the process.
+std::atomic<pid_t> faultedThread = 0;
+
+// Two threads in the handler would truncate each other's files, and the exit of one cut the other's
+// short: the second waits for the exit. A second fault of the first goes on.
+void waitForExitUnlessFirst() {
+    pid_t none = 0;
+    const pid_t self = gettid();
+    if (faultedThread.compare_exchange_strong(none, self) || none == self) return;
+    while (true) pause();
+}
+
 // Rules that crash the daemon would crash it at every start: the last good ones come back first.
 // It logs and allocates, which a signal handler may not: the process ends here in any case. It must
 // take no lock that the thread may hold already.
 void signalHandler(int signum, siginfo_t* /*info*/, void* /*context*/) {
+    waitForExitUnlessFirst();
     // A fault inside the allocator would wait for itself below, and init for the exit.
     alarm(kCrashTimeoutSeconds);
     // The same text for every signal: meant.

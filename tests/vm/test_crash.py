@@ -200,6 +200,27 @@ class LastWordsTest(CrashTestCase):
             self.read_to_the_end(daemon)
             self.assert_left_behind(number, RULES, (HANDLER, "main"))
 
+    def test_second_thread_that_faults_leaves_the_work_to_the_first(self) -> None:
+        daemon = self.start()
+        # The handler waits there for somebody who writes.
+        self.terminal.check_output(f"rm {BACKUP_FILE}; mkfifo {BACKUP_FILE}")
+        self.terminal.check_output(f"kill -{SEGV} $(pidof kusd)")
+        self.read_until(daemon, f"USB xml dest path is {CONFIG_FILE}".__eq__)
+        # A thread that is in its handler takes no second one.
+        self.terminal.check_output(f"kill -{SEGV} $(pidof kusd)")
+        self.terminal.wait_until(lambda: not self.pending_signals(), TIMEOUT, "the second fault")
+        self.terminal.write_file("/run/rules", RULES)
+        self.terminal.check_output(f"cat /run/rules > {BACKUP_FILE}")
+        self.assertEqual(self.read_to_the_end(daemon), SEGV)
+        self.assertEqual(self.terminal.read_file(CONFIG_FILE), RULES)
+        self.assertEqual(self.terminal.read_file(STATUS_FILE).decode(), UNABLE)
+        self.assert_crash_log(self.lines, SEGV, RULES, (HANDLER, "main"))
+
+    def pending_signals(self) -> int:
+        """The signals that no thread of the daemon has taken yet, as the kernel's mask."""
+        return int(self.terminal.check_output(
+            "grep ShdPnd /proc/$(pidof kusd)/status").split()[1], 16)
+
     def test_document_that_cannot_be_read_live(self) -> None:
         for document in DOCUMENTS:
             with self.subTest(document):
