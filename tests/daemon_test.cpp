@@ -11,6 +11,7 @@
 #include <algorithm>
 #include <chrono>
 #include <iterator>
+#include <map>
 #include <optional>
 #include <regex>
 #include <set>
@@ -19,6 +20,7 @@
 #include <thread>
 #include <vector>
 
+#include <android-base/file.h>
 #include <android-base/logging.h>
 #include <android-base/unique_fd.h>
 #include <gmock/gmock.h>
@@ -126,6 +128,56 @@ std::optional<uint64_t> secondsOfAlarm(const SystemCall& call) {
     itimerval timer;
     ReadMemory(call.pid, call.arguments[1], &timer, sizeof(timer));
     return timer.it_value.tv_sec;
+}
+
+// What a call does to a file below kConfigDir, or to the directory; nothing for other calls.
+std::optional<std::string> fileCall(const SystemCall& call) {
+    const auto below = [](const std::string& path) -> std::optional<std::string> {
+        if (path.rfind(kConfigDir, 0) != 0) return std::nullopt;
+        const size_t slash = std::string(kConfigDir).size();
+        return path.size() <= slash + 1 ? "directory" : path.substr(slash + 1);
+    };
+    if (call.number == SYS_openat) {
+        const std::optional<std::string> name = below(ReadText(call.pid, call.arguments[1]));
+        if (!name) return std::nullopt;
+        return ((call.arguments[2] & O_TRUNC) != 0 ? "empty " : "open ") + *name;
+    }
+    const std::map<uint64_t, std::string> verbs = {
+            {SYS_write, "write "}, {SYS_fsync, "flush "}, {SYS_close, "close "}};
+    const auto verb = verbs.find(call.number);
+    if (verb == verbs.end()) return std::nullopt;
+    std::string path;
+    const std::string link = "/proc/" + std::to_string(call.pid) + "/fd/" +
+                             std::to_string(static_cast<int>(call.arguments[0]));
+    if (!android::base::Readlink(link, &path)) return std::nullopt;
+    const std::optional<std::string> name = below(path);
+    return name ? std::make_optional(verb->second + *name) : std::nullopt;
+}
+
+// What a run does to the files below kConfigDir, in its order.
+std::vector<std::string> fileCallsOf(const std::vector<std::string>& arguments) {
+    std::vector<std::string> command = {KUSD_PATH};
+    command.insert(command.end(), arguments.begin(), arguments.end());
+    std::vector<std::string> calls;
+    RunTraced(command, [&](const SystemCall& call) {
+        const std::optional<std::string> text = fileCall(call);
+        if (text) calls.push_back(*text);
+    });
+    return calls;
+}
+
+// The calls by which a file's content and name come to the disk.
+std::vector<std::string> replacing(const std::string& name) {
+    return {"empty " + name,   "write " + name,   "flush " + name, "open directory",
+            "flush directory", "close directory", "close " + name};
+}
+
+// The same for a copy: its source is on the disk first.
+std::vector<std::string> copying(const std::string& source, const std::string& destination) {
+    std::vector<std::string> calls = {"open " + source, "flush " + source};
+    for (const std::string& call : replacing(destination)) calls.push_back(call);
+    calls.push_back("close " + source);
+    return calls;
 }
 
 class Daemon : public ::testing::Test {
@@ -325,6 +377,11 @@ TEST_F(StartupTask, StartsNoThread) {
     EXPECT_THAT(calls, AllOf(Contains(SYS_exit_group), Not(Contains(SYS_clone)),
                              Not(Contains(SYS_clone3))));
     EXPECT_EQ(kDefaultConfig, ReadFile(kConfigFile));
+}
+
+TEST_F(StartupTask, HasTheRulesOnDiskAtItsEnd) {
+    MakeDir(kConfigDir);
+    EXPECT_EQ(replacing("usb_device_config.xml"), fileCallsOf({kStartupTasks}));
 }
 
 // --- Service mode ------------------------------------------------------------------------------
@@ -602,6 +659,23 @@ TEST_F(CrashHandler, CreatesNothingWithoutTheDirectory) {
 
     ExpectLog(crash, SIGABRT, {"E util.cpp] USB device error is source file open"});
     EXPECT_FALSE(Exists(kConfigDir));
+}
+
+// The rules are on disk before the backup is emptied, and the backup before the rules are.
+TEST_F(CrashHandler, AndTheStartBeforeItHaveEachFileOnDiskBeforeTheNext) {
+    WriteFile(kConfigFile, "<usbconfig mode=\"default\"/>");
+    // The library reads the rules.
+    std::vector<std::string> expected = {"open usb_device_config.xml",
+                                         "close usb_device_config.xml"};
+    for (const std::vector<std::string>& calls :
+         {replacing("status.txt"), copying("usb_device_config.xml", "usb_device_config_backup.xml"),
+          // The sandbox has no binder, and the process aborts.
+          copying("usb_device_config_backup.xml", "usb_device_config.xml"),
+          replacing("status.txt")}) {
+        expected.insert(expected.end(), calls.begin(), calls.end());
+    }
+
+    EXPECT_EQ(expected, fileCallsOf({}));
 }
 
 // One that waits for a lock of its own thread would wait for ever, and init with it.
