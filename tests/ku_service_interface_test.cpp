@@ -59,6 +59,7 @@ namespace {
 using binder::Status;
 using ::testing::ElementsAre;
 using ::testing::IsEmpty;
+using ::testing::SizeIs;
 
 constexpr uint32_t kFirstCode = IBinder::FIRST_CALL_TRANSACTION;
 
@@ -338,6 +339,106 @@ TEST(KUsbServiceObject, IsFoundLocallyUnderItsOwnDescriptorOnly) {
     EXPECT_EQ(static_cast<IInterface*>(service.get()),
               service->queryLocalInterface(IKUsbService::descriptor).get());
     EXPECT_EQ(nullptr, service->queryLocalInterface(IKUsbServiceCallback::descriptor).get());
+}
+
+// What a hostile client sends. What is not refused reaches the operation.
+class HostileParcel : public ServiceTest {
+  protected:
+    static constexpr uint32_t kUpdate = kFirstCode + 3;
+    static constexpr uint32_t kAllowed = kFirstCode + 4;
+
+    // A record up to its interface classes, of which it claims to have so many.
+    void WriteClaim(int32_t classes) {
+        data.writeInterfaceToken(service->getInterfaceDescriptor());
+        data.writeInt32(1);
+        data.writeInt32(1000);
+        data.writeString16(String16("Stick"));
+        data.writeInt32(1005);
+        data.writeInt32(0);
+        data.writeInt32(classes);
+    }
+
+    status_t Send(uint32_t code) {
+        data.setDataPosition(0);
+        return service->transact(code, data, &reply);
+    }
+
+    int32_t ExceptionOf(uint32_t code) {
+        EXPECT_EQ(OK, Send(code));
+        reply.setDataPosition(0);
+        Status status;
+        EXPECT_EQ(OK, status.readFromParcel(reply));
+        reply.freeData();
+        return status.exceptionCode();
+    }
+
+    Parcel data;
+    Parcel reply;
+};
+
+TEST_F(HostileParcel, IsRefusedWhenItClaimsMoreInterfacesThanItHolds) {
+    for (const uint32_t code : {kUpdate, kAllowed}) {
+        for (const int32_t claim : {INT32_MAX, 1 << 26, 3}) {
+            SCOPED_TRACE(claim);
+            data.freeData();
+            WriteClaim(claim);
+            data.writeInt32(8);
+            data.writeInt32(8);
+            EXPECT_EQ(BAD_VALUE, Send(code));
+        }
+    }
+    EXPECT_THAT(Devices(), IsEmpty());
+}
+
+TEST_F(HostileParcel, IsReadWhenItHoldsWhatItClaims) {
+    WriteClaim(2);
+    data.writeInt32(8);
+    data.writeInt32(8);
+    // Further members are missing.
+    EXPECT_EQ(NOT_ENOUGH_DATA, Send(kAllowed));
+}
+
+TEST_F(HostileParcel, IsReadUpToItsEndWhateverItLacks) {
+    EXPECT_EQ(BAD_TYPE, Send(kAllowed));
+    data.writeInterfaceToken(String16("another"));
+    EXPECT_EQ(BAD_TYPE, Send(kUpdate));
+    data.freeData();
+    data.writeInterfaceToken(service->getInterfaceDescriptor());
+    EXPECT_EQ(NOT_ENOUGH_DATA, Send(kUpdate));
+}
+
+TEST_F(HostileParcel, WithoutARecordOrWithoutItsClassesIsAnsweredWithAnException) {
+    WriteClaim(-1);
+    EXPECT_EQ(Status::EX_NULL_POINTER, ExceptionOf(kAllowed));
+    data.freeData();
+    data.writeInterfaceToken(service->getInterfaceDescriptor());
+    data.writeInt32(0);
+    EXPECT_EQ(Status::EX_NULL_POINTER, ExceptionOf(kUpdate));
+    EXPECT_THAT(Devices(), IsEmpty());
+}
+
+TEST_F(HostileParcel, OfAWholeRecordIsJudged) {
+    data.writeInterfaceToken(service->getInterfaceDescriptor());
+    DeviceInfo info = makeRecord();
+    data.writeParcelable(info);
+    EXPECT_EQ(OK, Send(kAllowed));
+    ASSERT_THAT(Devices(), SizeIs(1));
+    EXPECT_EQ(info.interfaceClasses, Devices()[0].interfaceClasses);
+}
+
+// Two bytes are left behind the number of arguments, and stay.
+TEST_F(HostileParcel, OfAnOddSizeIsRefused) {
+    const uint16_t odd = 0;
+    data.writeInt32(-1);
+    data.writeInt32(INT32_MAX);
+    std::vector<uint8_t> bytes(data.data(), data.data() + data.dataSize());
+    bytes.insert(bytes.end(), sizeof(odd), 0);
+    data.setData(bytes.data(), bytes.size());
+    const std::vector<uint32_t> codes = {IBinder::DUMP_TRANSACTION,
+                                         IBinder::SHELL_COMMAND_TRANSACTION, kAllowed};
+    for (const uint32_t code : codes) {
+        EXPECT_EQ(BAD_VALUE, Send(code));
+    }
 }
 
 TEST(KUsbServiceObject, DiesWithItsLastReference) {

@@ -48,6 +48,7 @@
 #include <android-base/unique_fd.h>
 #include <binder/IInterface.h>
 #include <binder/IServiceManager.h>
+#include <binder/Parcel.h>
 #include <cutils/properties.h>
 #include <utils/String16.h>
 #include <utils/String8.h>
@@ -355,6 +356,25 @@ ListCopies copyLists() {
     return copies;
 }
 
+// Of the interface's operations, those with a DeviceInfo.
+bool takesDevice(uint32_t code) {
+    constexpr uint32_t kUpdateDeviceList = IBinder::FIRST_CALL_TRANSACTION + 3;
+    constexpr uint32_t kIsDeviceAllowed = IBinder::FIRST_CALL_TRANSACTION + 4;
+    return code == kUpdateDeviceList || code == kIsDeviceAllowed;
+}
+
+// data stands behind the interface's token.
+bool claimsTooManyClasses(const Parcel& data) {
+    data.readInt32();  // whether there is a record
+    data.readInt32();  // its size
+    size_t nameLength = 0;
+    data.readString16Inplace(&nameLength);
+    data.readInt32();  // deviceId
+    data.readInt32();  // deviceClass
+    const int32_t classes = data.readInt32();
+    return classes > 0 && static_cast<size_t>(classes) > data.dataAvail() / sizeof(int32_t);
+}
+
 // Into memory first: a client that does not read its end must hold up no decision.
 void dumpTopology(int fd) {
     const unique_fd memory(memfd_create("kusd-dump", MFD_CLOEXEC));
@@ -393,6 +413,20 @@ void KUsbService::Register() {
     if (added != OK) LOG(FATAL) << "Could not register KUS" << added;
     LOG(INFO) << "kus service Registered successfully";
     registerFileObserverViaThread();
+}
+
+status_t KUsbService::onTransact(uint32_t code, const Parcel& data, Parcel* reply, uint32_t flags) {
+    // Parcel can read nothing of the last bytes of an odd size, and BBinder would try so as many
+    // times as a dump claims to have arguments.
+    if (data.dataSize() % sizeof(int32_t) != 0) return BAD_VALUE;
+    if (takesDevice(code)) {
+        // Parcel makes room for all elements that a vector claims to have, before it reads one:
+        // for two thousand million the process would end.
+        const size_t start = data.dataPosition();
+        if (data.checkInterface(this) && claimsTooManyClasses(data)) return BAD_VALUE;
+        data.setDataPosition(start);
+    }
+    return BnKUsbService::onTransact(code, data, reply, flags);
 }
 
 Status KUsbService::registerKusCallback(const sp<IKUsbServiceCallback>& callback) {

@@ -48,6 +48,9 @@ class KUsbService : public BnKUsbService {
 
     // --- IKUsbService --------------------------------------------------------------------------
 
+    /** As generated, but for parcels that the platform's readers do not survive: BAD_VALUE. */
+    status_t onTransact(uint32_t code, const Parcel& data, Parcel* reply, uint32_t flags) override;
+
     /** Ok also when the client is dead already, and then nothing is kept. */
     binder::Status registerKusCallback(const sp<IKUsbServiceCallback>& callback) override;
     /** Takes back one registration; ok also when there is none. */
