@@ -140,10 +140,12 @@ std::optional<std::string> fileCall(const SystemCall& call) {
     if (call.number == SYS_openat) {
         const std::optional<std::string> name = below(ReadText(call.pid, call.arguments[1]));
         if (!name) return std::nullopt;
-        return ((call.arguments[2] & O_TRUNC) != 0 ? "empty " : "open ") + *name;
+        return "open " + *name;
     }
-    const std::map<uint64_t, std::string> verbs = {
-            {SYS_write, "write "}, {SYS_fsync, "flush "}, {SYS_close, "close "}};
+    const std::map<uint64_t, std::string> verbs = {{SYS_ftruncate, "empty "},
+                                                   {SYS_write, "write "},
+                                                   {SYS_fsync, "flush "},
+                                                   {SYS_close, "close "}};
     const auto verb = verbs.find(call.number);
     if (verb == verbs.end()) return std::nullopt;
     std::string path;
@@ -166,18 +168,27 @@ std::vector<std::string> fileCallsOf(const std::vector<std::string>& arguments) 
     return calls;
 }
 
-// The calls by which a file's content and name come to the disk.
-std::vector<std::string> replacing(const std::string& name) {
-    return {"empty " + name,   "write " + name,   "flush " + name, "open directory",
-            "flush directory", "close directory", "close " + name};
+using Calls = std::vector<std::string>;
+
+// The calls by which a file that is open comes to the disk, its name included.
+Calls flushing(const std::string& name) {
+    return {"flush " + name, "open directory", "flush directory", "close directory"};
 }
 
-// The same for a copy: its source is on the disk first.
-std::vector<std::string> copying(const std::string& source, const std::string& destination) {
-    std::vector<std::string> calls = {"open " + source, "flush " + source};
-    for (const std::string& call : replacing(destination)) calls.push_back(call);
-    calls.push_back("close " + source);
-    return calls;
+Calls operator+(Calls first, const Calls& second) {
+    first.insert(first.end(), second.begin(), second.end());
+    return first;
+}
+
+// The rewriting of a file that is open.
+Calls replacing(const std::string& name) {
+    return Calls{"empty " + name, "write " + name} + flushing(name);
+}
+
+// The source is on disk before the destination is emptied.
+Calls copying(const std::string& source, const std::string& destination) {
+    return Calls{"open " + source, "open " + destination} + flushing(source) +
+           replacing(destination) + Calls{"close " + destination, "close " + source};
 }
 
 class Daemon : public ::testing::Test {
@@ -381,7 +392,9 @@ TEST_F(StartupTask, StartsNoThread) {
 
 TEST_F(StartupTask, HasTheRulesOnDiskAtItsEnd) {
     MakeDir(kConfigDir);
-    EXPECT_EQ(replacing("usb_device_config.xml"), fileCallsOf({kStartupTasks}));
+    const std::string file = "usb_device_config.xml";
+    EXPECT_EQ(Calls{"open " + file} + replacing(file) + Calls{"close " + file},
+              fileCallsOf({kStartupTasks}));
 }
 
 // --- Service mode ------------------------------------------------------------------------------
@@ -664,18 +677,15 @@ TEST_F(CrashHandler, CreatesNothingWithoutTheDirectory) {
 // The rules are on disk before the backup is emptied, and the backup before the rules are.
 TEST_F(CrashHandler, AndTheStartBeforeItHaveEachFileOnDiskBeforeTheNext) {
     WriteFile(kConfigFile, "<usbconfig mode=\"default\"/>");
-    // The library reads the rules.
-    std::vector<std::string> expected = {"open usb_device_config.xml",
-                                         "close usb_device_config.xml"};
-    for (const std::vector<std::string>& calls :
-         {replacing("status.txt"), copying("usb_device_config.xml", "usb_device_config_backup.xml"),
-          // The sandbox has no binder, and the process aborts.
-          copying("usb_device_config_backup.xml", "usb_device_config.xml"),
-          replacing("status.txt")}) {
-        expected.insert(expected.end(), calls.begin(), calls.end());
-    }
-
-    EXPECT_EQ(expected, fileCallsOf({}));
+    const std::string file = "usb_device_config.xml";
+    const std::string backup = "usb_device_config_backup.xml";
+    // Nothing relies on it.
+    const Calls status = {"open status.txt", "empty status.txt", "write status.txt",
+                          "close status.txt"};
+    // The sandbox has no binder: behind its start the process aborts.
+    EXPECT_EQ(Calls({"open " + file, "close " + file}) + status + copying(file, backup) +
+                      copying(backup, file) + status,
+              fileCallsOf({}));
 }
 
 // One that waits for a lock of its own thread would wait for ever, and init with it.

@@ -116,7 +116,7 @@ inline std::multimap<int32_t, int32_t> vidPidMap GUARDED_BY(rulesLock);
  * "SUCCESS" after a good parse.
  */
 inline std::string errorMessage = "SUCCESS";
-/** True when the rules in force are those of a whole file. */
+/** True when the file that was parsed last is whole. */
 inline bool xml_parse_status = false;
 
 /** Held while the lists below or the registry of clients are used. */

@@ -3,6 +3,7 @@
 
 #include "android/kus/util.h"
 
+#include <errno.h>
 #include <fcntl.h>
 #include <stdio.h>
 #include <sys/stat.h>
@@ -36,7 +37,7 @@ constexpr int kSourceClassMask = 0xFF;
 
 // What a file says, up to its first error.
 struct Rules {
-    /** None when the file ended before one was read: the one in force stays. */
+    /** None when the file ends before it tells one: that in force stays. */
     std::optional<std::string> mode;
     std::vector<int32_t> classList;
     std::map<int32_t, std::string> classMap;
@@ -49,49 +50,70 @@ struct Rules {
     return root->Value();
 }
 
-void reportLoadFailure(const XMLDocument& document) {
+// The rules that stood before are left in *rules, to be freed without the lock.
+void putInForce(Rules* rules) {
+    const AutoMutex lock(rulesLock);
+    if (rules->mode) configMode.swap(*rules->mode);
+    configClassList.swap(rules->classList);
+    configClassMap.swap(rules->classMap);
+    vidPidMap.swap(rules->vidPidMap);
+}
+
+// Each way out of the parser goes through one of these two, once. Whoever has read the status finds
+// what it tells of in force.
+void report(const std::string& text, Rules* rules) {
+    putInForce(rules);
+    Util::updateErrorFile(statusFilePath, text);
+}
+
+void succeed(Rules* rules) {
+    xml_parse_status = true;
+    putInForce(rules);
+}
+
+void reportLoadFailure(const XMLDocument& document, Rules* rules) {
     LOG(ERROR) << "xmlinput --Found error " << document.ErrorID()
                << " name: " << XMLDocument::ErrorIDToName(document.ErrorID());
     LOG(ERROR) << "xmlinput -- error string " << document.ErrorStr();
-    Util::updateErrorFile(statusFilePath, document.ErrorStr());
+    report(document.ErrorStr(), rules);
 }
 
-void reportBadRoot(const std::string& name) {
+void reportBadRoot(const std::string& name, Rules* rules) {
     errorMessage = "INVALID ROOT ELEMENT : " + name;
-    Util::updateErrorFile(statusFilePath, errorMessage);
+    report(errorMessage, rules);
     LOG(ERROR) << "Invalid root element --" << errorMessage;
 }
 
-void reportMissingMode() {
+void reportMissingMode(Rules* rules) {
     errorMessage = "MODE NOT PRESENT";
     LOG(ERROR) << "error in ATTRIBUTE MODE value= " << errorMessage;
-    Util::updateErrorFile(statusFilePath, errorMessage);
+    report(errorMessage, rules);
 }
 
-void reportBadMode() {
+void reportBadMode(Rules* rules) {
     errorMessage = "INVALID MODE";
-    Util::updateErrorFile(statusFilePath, errorMessage);
+    report(errorMessage, rules);
     LOG(ERROR) << "Invalid mode is set in xml--" << errorMessage;
 }
 
 // One bad rule fails the whole file. Always false, so that a rule's reader can return it.
-bool fail(const char* logText, const std::string& text) {
+bool fail(const char* logText, const std::string& text, Rules* rules) {
     errorMessage = text;
     xml_parse_status = false;
     LOG(ERROR) << logText << errorMessage;
-    Util::updateErrorFile(statusFilePath, errorMessage);
+    report(errorMessage, rules);
     return false;
 }
 
 bool readClass(const XMLElement& element, Rules* rules) {
     const char* text = element.GetText();
-    if (text == nullptr) return fail("error in class val= ", "EMPTY CLASS VALUE");
+    if (text == nullptr) return fail("error in class val= ", "EMPTY CLASS VALUE", rules);
     const std::string name = text;
     LOG(INFO) << "class--" << name;
 
     const unsigned int code = Util::convert(name);
     if (code == kNoSuchClass || Util::validateRestrictedClass(code)) {
-        return fail("error in class val= ", "INVALID CLASS VALUE:" + name);
+        return fail("error in class val= ", "INVALID CLASS VALUE:" + name, rules);
     }
     rules->classMap.emplace(static_cast<int32_t>(code), name);
     rules->classList.push_back(static_cast<int32_t>(code));
@@ -101,11 +123,11 @@ bool readClass(const XMLElement& element, Rules* rules) {
 
 bool readProduct(const std::string& vendorId, const XMLElement& element, Rules* rules) {
     const char* text = element.GetText();
-    if (text == nullptr) return fail("error in pid val= ", "EMPTY PRODUCT ID VALUE");
+    if (text == nullptr) return fail("error in pid val= ", "EMPTY PRODUCT ID VALUE", rules);
     const std::string productId = text;
     LOG(INFO) << "pid--" << productId;
     if (!Util::isValidNumber(productId)) {
-        return fail("error in pid val= ", "INVALID PRODUCT ID VALUE:" + productId);
+        return fail("error in pid val= ", "INVALID PRODUCT ID VALUE:" + productId, rules);
     }
     LOG(INFO) << "pid value print in while--" << productId;
     // A number beyond 32 bits throws, nobody catches, and the crash handler restores the last good
@@ -117,13 +139,14 @@ bool readProduct(const std::string& vendorId, const XMLElement& element, Rules* 
 bool readVendor(const XMLElement& element, Rules* rules) {
     const char* attribute = element.Attribute("vendorid");
     if (attribute == nullptr) {
-        return fail("error in ATTRIBUTE value= ", "vendorid TAG NOT PRESENT");
+        return fail("error in ATTRIBUTE value= ", "vendorid TAG NOT PRESENT", rules);
     }
     const std::string vendorId = attribute;
     LOG(INFO) << "vendorid--" << vendorId;
     if (!Util::isValidNumber(vendorId)) {
-        return fail("error in vid val= ", vendorId.empty() ? "EMPTY VENDOR ID VALUE"
-                                                           : "INVALID VENDOR ID VALUE:" + vendorId);
+        const std::string text =
+                vendorId.empty() ? "EMPTY VENDOR ID VALUE" : "INVALID VENDOR ID VALUE:" + vendorId;
+        return fail("error in vid val= ", text, rules);
     }
 
     const XMLElement* product = element.FirstChildElement("pid");
@@ -143,7 +166,7 @@ bool readRule(const XMLElement& element, Rules* rules) {
     const std::string name = element.Value();
     if (name == "class") return readClass(element, rules);
     if (name == "vid") return readVendor(element, rules);
-    return fail("error in class value= ", "INVALID TAG:" + name);
+    return fail("error in class value= ", "INVALID TAG:" + name, rules);
 }
 
 void readRules(const XMLElement& root, Rules* rules) {
@@ -152,14 +175,14 @@ void readRules(const XMLElement& root, Rules* rules) {
         LOG(INFO) << "no element, blocking all device";
         xml_parse_status = true;
         // Whatever the previous parse left there: meant, the callers overwrite it for new rules.
-        Util::updateErrorFile(statusFilePath, errorMessage);
+        report(errorMessage, rules);
         return;
     }
     LOG(INFO) << " before while first child element name " << rule->Value();
     for (; rule != nullptr; rule = rule->NextSiblingElement()) {
         if (!readRule(*rule, rules)) return;
     }
-    xml_parse_status = true;
+    succeed(rules);
 }
 
 void readConfig(const std::string& path, Rules* rules) {
@@ -167,18 +190,18 @@ void readConfig(const std::string& path, Rules* rules) {
     document.LoadFile(path.c_str());
     xml_parse_status = false;
     if (document.Error()) {
-        reportLoadFailure(document);
+        reportLoadFailure(document, rules);
         return;
     }
 
     const XMLElement* root = document.FirstChildElement();
     const std::string name = nameOfRoot(root);
     if (name != "usbconfig") {
-        reportBadRoot(name);
+        reportBadRoot(name, rules);
         return;
     }
     if (root->FindAttribute("mode") == nullptr) {
-        reportMissingMode();
+        reportMissingMode(rules);
         return;
     }
 
@@ -186,23 +209,14 @@ void readConfig(const std::string& path, Rules* rules) {
     LOG(INFO) << "attribute--" << mode;
     rules->mode = mode;
     if (mode == "default") {
-        xml_parse_status = true;
+        succeed(rules);
         return;
     }
     if (mode != "whitelist" && mode != "blacklist") {
-        reportBadMode();
+        reportBadMode(rules);
         return;
     }
     readRules(*root, rules);
-}
-
-// The rules that stood before are left in *rules, to be freed without the lock.
-void putInForce(Rules* rules) {
-    const AutoMutex lock(rulesLock);
-    if (rules->mode) configMode.swap(*rules->mode);
-    configClassList.swap(rules->classList);
-    configClassMap.swap(rules->classMap);
-    vidPidMap.swap(rules->vidPidMap);
 }
 
 bool occursIn(const std::vector<int32_t>& codes, unsigned int code) {
@@ -213,16 +227,21 @@ unique_fd openToRead(const std::string& path) {
     return unique_fd(open(path.c_str(), O_RDONLY | O_CLOEXEC));
 }
 
-unique_fd openToReplace(const std::string& path) {
+unique_fd openToWrite(const std::string& path) {
     constexpr mode_t kMode = 0666;
-    return unique_fd(open(path.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, kMode));
+    return unique_fd(open(path.c_str(), O_WRONLY | O_CREAT | O_CLOEXEC, kMode));
 }
 
-// The directory as well: the file's name may be new.
-bool writeToDisk(const unique_fd& file, const std::string& path, const std::string& content) {
-    if (!base::WriteFully(file, content.data(), content.size())) return false;
+// With its directory: the file's name may be new.
+bool flush(const unique_fd& file, const std::string& path) {
     if (fsync(file) != 0) return false;
     return fsync(openToRead(path.substr(0, path.rfind('/') + 1))) == 0;
+}
+
+bool replaceContent(const unique_fd& file, const std::string& content) {
+    // A pipe has nothing to empty.
+    if (ftruncate(file, 0) != 0 && errno != EINVAL) return false;
+    return base::WriteFully(file, content.data(), content.size());
 }
 
 // Hands over each line, without its line feed, as soon as it is there.
@@ -243,25 +262,20 @@ void readLines(const unique_fd& in, Take take) {
     if (!rest.empty()) take(rest);
 }
 
-// False when there was nothing to read from, or nowhere to write a line.
-bool copyLines(const unique_fd& in, const unique_fd& out, const std::string& dst) {
-    if (in == -1) {
-        LOG(ERROR) << "USB device error is source file open";
-        return false;
-    }
-    bool copied = true;
+// What a copy of the file holds: its lines, each ended by a line feed. Without a place to write
+// them to, each line is a failure.
+std::string readCopy(const unique_fd& in, const unique_fd& out, bool* copied) {
     std::string copy;
     readLines(in, [&](const std::string& line) {
         if (out == -1) {
             LOG(ERROR) << "ODM error in dest file open";
-            copied = false;
+            *copied = false;
             return;
         }
         LOG(INFO) << line;
         copy += line + '\n';
     });
-    writeToDisk(out, dst, copy);
-    return copied;
+    return copy;
 }
 
 }  // namespace
@@ -277,14 +291,13 @@ bool isDirectory(const std::string& path) {
 }
 
 bool replaceFile(const std::string& path, const std::string& content) {
-    const unique_fd file = openToReplace(path);
-    return file != -1 && writeToDisk(file, path, content);
+    const unique_fd file = openToWrite(path);
+    return file != -1 && replaceContent(file, content) && flush(file, path);
 }
 
 void Util::createMapFromConfig(const std::string& path) {
     Rules rules;
     readConfig(path, &rules);
-    putInForce(&rules);
 }
 
 unsigned int Util::convert(const std::string& name) {
@@ -364,20 +377,29 @@ std::vector<int> Util::checkMultiClass(int sourceBits) {
 // NOLINTNEXTLINE(performance-unnecessary-value-param)
 void Util::updateErrorFile(std::string path, std::string message) {
     LOG(INFO) << "updateErrorFile called with error message : " << message;
-    replaceFile(path, message);
+    const unique_fd file = openToWrite(path);
+    if (file == -1) return;
+    // Not flushed: the next start writes it anew, and the copy of the file that it tells of must
+    // not wait for a disk while another file may take that one's place.
+    replaceContent(file, message);
 }
 
 // NOLINTNEXTLINE(performance-unnecessary-value-param)
 bool Util::copyFileContent(std::string src, std::string dst) {
     LOG(INFO) << " USB xml src path is " << src;
     LOG(INFO) << "USB xml dest path is " << dst;
+    // Both before either is looked at: dst is emptied even when src cannot be read.
     const unique_fd in = openToRead(src);
-    // Whoever wrote it may have left it in memory.
-    fsync(in);
-    // Before in is looked at: dst is emptied even when src cannot be read.
-    const unique_fd out = openToReplace(dst);
+    const unique_fd out = openToWrite(dst);
 
-    const bool copied = copyLines(in, out, dst);
+    bool copied = in != -1;
+    if (!copied) LOG(ERROR) << "USB device error is source file open";
+    const std::string copy = readCopy(in, out, &copied);
+    // Emptied as late as can be, and not before the other one is on disk: whoever wrote that may
+    // have left it in memory.
+    flush(in, src);
+    replaceContent(out, copy);
+    flush(out, dst);
     // Logged for failures, too: meant.
     LOG(INFO) << "Usb Device config file copied successfully..!!";
     return copied;

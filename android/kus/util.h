@@ -38,12 +38,12 @@ class Util {
 
     /**
      * Reads the configuration file and replaces the rules in force with what it says, all at once
-     * and at the end: who asks meanwhile gets the rules that stood before. One thread at a time.
+     * and at the end: who asks meanwhile gets those of the file before. One thread at a time.
      *
      * Success sets xml_parse_status. A failure clears it, puts the reason into errorMessage and
-     * into the status file, and leaves the rules that stood before the failing one; a file that
-     * cannot be loaded leaves none, and errorMessage as it was. "mode" is taken over before it is
-     * checked.
+     * into the status file, and puts those of the file's rules in force that precede the failing
+     * one; a file that cannot be loaded leaves none, and errorMessage as it was. "mode" is taken
+     * over before it is checked.
      *
      * Two inputs end the process: a document without any element (SIGSEGV) and a decimal id above
      * 2147483647 (uncaught std::out_of_range, SIGABRT). The crash handler answers both by
@@ -93,7 +93,7 @@ class Util {
     // --- Files ---------------------------------------------------------------------------------
 
     /**
-     * Replaces the content of a file with a text, without a line end; on disk when it returns.
+     * Replaces the content of a file with a text, without a line end.
      *
      * A file that cannot be opened is silently not written. Takes no lock and is called by the
      * crash handler.
