@@ -468,6 +468,11 @@ TEST_F(FilledDump, PrintsNothingForAnotherFirstArgument) {
     }
 }
 
+TEST_F(FilledDump, PrintsNothingForAnArgumentThatGoesOnBehindAZero) {
+    const std::u16string longer(u"test\0", 5);
+    EXPECT_EQ("", Dump({String16(longer.data(), longer.size())}));
+}
+
 TEST_F(FilledDump, LogsTheArgumentAsEightBitText) {
     EXPECT_EQ("", Dump({String16(u"Gerät €")}));
     EXPECT_THAT(log.Lines(), ElementsAre(Info("args[0] isGerät €")));

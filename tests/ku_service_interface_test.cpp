@@ -7,6 +7,7 @@
 
 #include <functional>
 #include <string>
+#include <thread>
 #include <type_traits>
 #include <vector>
 
@@ -58,6 +59,7 @@ namespace {
 
 using binder::Status;
 using ::testing::ElementsAre;
+using ::testing::ElementsAreArray;
 using ::testing::IsEmpty;
 using ::testing::SizeIs;
 
@@ -439,6 +441,53 @@ TEST_F(HostileParcel, OfAnOddSizeIsRefused) {
     for (const uint32_t code : codes) {
         EXPECT_EQ(BAD_VALUE, Send(code));
     }
+}
+
+TEST_F(HostileParcel, OfMoreThanEightKilobytesIsRefused) {
+    for (const size_t size : {size_t{8192}, size_t{8196}, size_t{1} << 20}) {
+        SCOPED_TRACE(size);
+        data.freeData();
+        data.writeInterfaceToken(service->getInterfaceDescriptor());
+        data.writeInt32(INT32_MIN);  // a reset, of nothing here
+        const std::vector<uint8_t> padding(size - data.dataSize());
+        data.write(padding.data(), padding.size());
+        ASSERT_EQ(size, data.dataSize());
+        EXPECT_EQ(size <= 8192 ? OK : BAD_VALUE, Send(kFirstCode + 5));
+    }
+}
+
+class NestedCalls : public ServiceTest {
+  protected:
+    // Removes a device, and from inside its callback again.
+    void Remove() {
+        const Status status = proxy->updateDeviceList(DeviceInfo(), 0);
+        results.push_back(status.transactionError());
+    }
+
+    const sp<IKUsbService> proxy = new BpKUsbService(new Wire(service));
+    std::vector<status_t> results;
+};
+
+TEST_F(NestedCalls, AreRefusedBeforeTheyUseUpTheStack) {
+    const sp<FakeCallback> client = AddClient();
+    client->onEvent = [this](const FakeCallback::Event&) { Remove(); };
+    Remove();
+    EXPECT_THAT(results, ElementsAre(INVALID_OPERATION, OK, OK, OK, OK));
+    EXPECT_THAT(client->Events(), SizeIs(4));
+    // And all over again: none is counted for ever.
+    results.clear();
+    Remove();
+    EXPECT_THAT(results, ElementsAre(INVALID_OPERATION, OK, OK, OK, OK));
+}
+
+TEST_F(NestedCalls, AreCountedForEachThread) {
+    const sp<FakeCallback> client = AddClient();
+    int levels = 0;
+    client->onEvent = [&](const FakeCallback::Event&) {
+        if (++levels < 20) std::thread([this] { Remove(); }).join();
+    };
+    Remove();
+    EXPECT_THAT(results, ElementsAreArray(std::vector<status_t>(20, OK)));
 }
 
 TEST(KUsbServiceObject, DiesWithItsLastReference) {

@@ -628,6 +628,33 @@ TEST_F(GetDeviceList, KeepsItsRecordsWhenTheRulesChange) {
             ElementsAre(Text(recordOf(makeUsb("Stick", 1005), true, "Enabled by default rule"))));
 }
 
+// --- A device that goes while the clients are being told of it -----------------------------------
+
+TEST_F(GetDeviceList, LacksADeviceThatWasRemovedWhileItWasAnnounced) {
+    const sp<FakeCallback> client = AddClient();
+    client->onEvent = [this](const FakeCallback::Event& event) {
+        if (!event.added) return;
+        service->updateDeviceList(makeUsb("Another", 1006), 0);
+        service->updateDeviceList(event.device, 0);
+    };
+    service->addDeviceList(makeUsb("Stick", 1005), true, "reason");
+    EXPECT_THAT(Devices(), IsEmpty());
+    // What gets its number next is another device.
+    client->onEvent = nullptr;
+    service->addDeviceList(makeUsb("Modem", 1005), false, "another");
+    EXPECT_THAT(Texts(Devices()),
+                ElementsAre(Text(recordOf(makeUsb("Modem", 1005), false, "another"))));
+}
+
+TEST_F(GetDeviceList, HasADeviceWhileAnotherOneWasRemoved) {
+    const sp<FakeCallback> client = AddClient();
+    client->onEvent = [this](const FakeCallback::Event& event) {
+        if (event.added) service->updateDeviceList(makeUsb("Another", 1006), 0);
+    };
+    service->addDeviceList(makeUsb("Stick", 1005), true, "reason");
+    EXPECT_THAT(Devices(), SizeIs(1));
+}
+
 }  // namespace
 
 }  // namespace android::kus::test

@@ -38,7 +38,7 @@ void runStartupTasks() {
     replaceFile(configFilePath, kDefaultConfig);
 }
 
-// Room for the slowest unwinding.
+// Room for the slowest unwinding, and the slowest disk.
 constexpr unsigned int kCrashTimeoutSeconds = 30;
 
 // The thread whose fault ends the process.
@@ -47,9 +47,9 @@ std::atomic<pid_t> faultedThread = 0;
 // Two threads in the handler would truncate each other's files, and the exit of one cut the other's
 // short: the second waits for the exit. A second fault of the first goes on.
 void waitForExitUnlessFirst() {
-    pid_t none = 0;
     const pid_t self = gettid();
-    if (faultedThread.compare_exchange_strong(none, self) || none == self) return;
+    pid_t first = 0;
+    if (faultedThread.compare_exchange_strong(first, self) || first == self) return;
     while (true) pause();
 }
 

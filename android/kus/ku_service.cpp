@@ -25,8 +25,9 @@
 //  - rulesLock: the mode and the rules together, for one verdict; a parse, to replace both at once.
 //  - listLock: both lists and the registry.
 //
-// None is held while a client is called or written to, a thread sleeps or a controller changes its
-// mode, but that resets wait for each other. The crash handler takes none.
+// None is held while a client is called or written to, a thread sleeps or a controller's mode is
+// written. The one exception is the lock that resets have for themselves (usbdevice.cpp); the
+// observer is one of those that reset. The crash handler takes none.
 
 #include "android/kus/ku_service.h"
 
@@ -66,6 +67,7 @@ namespace {
 
 constexpr char kServiceName[] = "kusbservice";
 constexpr char kConfigFileName[] = "usb_device_config.xml";
+constexpr char kTestArgument[] = "test";
 constexpr char kNone[] = "<none>";
 constexpr char kModeDefault[] = "default";
 constexpr char kModeBlacklist[] = "blacklist";
@@ -337,6 +339,21 @@ void forgetInterfaces(int deviceId) {
     UsbDevice::update_deviceid_map(deviceId, false);
 }
 
+// A USB device that the clients are being told of.
+struct Announcement {
+    int32_t deviceId;
+    bool removed = false;
+};
+std::vector<Announcement*> announcements GUARDED_BY(listLock);
+
+void eraseUsbDevice(int32_t deviceId) {
+    const AutoMutex lock(listLock);
+    for (Announcement* announcement : announcements) {
+        if (announcement->deviceId == deviceId) announcement->removed = true;
+    }
+    mUsbDeviceInfoList.erase(deviceId);
+}
+
 using DeviceList = std::map<int32_t, std::unique_ptr<DeviceInfo>>;
 
 void appendCopies(const DeviceList& list, std::vector<DeviceInfo>* copies) {
@@ -356,6 +373,22 @@ ListCopies copyLists() {
     return copies;
 }
 
+// A call stays in the process's binder buffer of 1 MB until it has returned, and a client may call
+// from inside its callback: from there on the same thread, whose stack ends after some hundreds of
+// such calls. With 16 threads these leave half of the buffer to everybody else.
+constexpr size_t kLargestParcel = 8192;
+constexpr int kDeepestCall = 4;
+
+thread_local int callDepth = 0;
+
+class CallDepth {
+  public:
+    CallDepth() { ++callDepth; }
+    ~CallDepth() { --callDepth; }
+    CallDepth(const CallDepth&) = delete;
+    CallDepth& operator=(const CallDepth&) = delete;
+};
+
 // Of the interface's operations, those with a DeviceInfo.
 bool takesDevice(uint32_t code) {
     constexpr uint32_t kUpdateDeviceList = IBinder::FIRST_CALL_TRANSACTION + 3;
@@ -365,12 +398,14 @@ bool takesDevice(uint32_t code) {
 
 // data stands behind the interface's token.
 bool claimsTooManyClasses(const Parcel& data) {
-    data.readInt32();  // whether there is a record
-    data.readInt32();  // its size
+    if (data.readInt32() == 0) return false;
+    const size_t start = data.dataPosition();
+    const size_t size = data.readInt32();
     size_t nameLength = 0;
     data.readString16Inplace(&nameLength);
     data.readInt32();  // deviceId
     data.readInt32();  // deviceClass
+    if (data.dataPosition() - start >= size) return false;
     const int32_t classes = data.readInt32();
     return classes > 0 && static_cast<size_t>(classes) > data.dataAvail() / sizeof(int32_t);
 }
@@ -378,7 +413,10 @@ bool claimsTooManyClasses(const Parcel& data) {
 // Into memory first: a client that does not read its end must hold up no decision.
 void dumpTopology(int fd) {
     const unique_fd memory(memfd_create("kusd-dump", MFD_CLOEXEC));
-    if (memory == -1) PLOG(ERROR) << "No memory for the dump";
+    if (memory == -1) {
+        PLOG(ERROR) << "No memory for the dump";
+        return;
+    }
     {
         const AutoMutex lock(UsbDevice::mapLock);
         UsbDevice::dump_print_test(memory);
@@ -416,9 +454,12 @@ void KUsbService::Register() {
 }
 
 status_t KUsbService::onTransact(uint32_t code, const Parcel& data, Parcel* reply, uint32_t flags) {
-    // Parcel can read nothing of the last bytes of an odd size, and BBinder would try so as many
-    // times as a dump claims to have arguments.
+    if (data.dataSize() > kLargestParcel) return BAD_VALUE;
+    // Parcel cannot read the last bytes of an odd size; BBinder would try for each argument that a
+    // dump claims to have.
     if (data.dataSize() % sizeof(int32_t) != 0) return BAD_VALUE;
+    const CallDepth depth;
+    if (callDepth > kDeepestCall) return INVALID_OPERATION;
     if (takesDevice(code)) {
         // Parcel makes room for all elements that a vector claims to have, before it reads one:
         // for two thousand million the process would end.
@@ -434,15 +475,19 @@ Status KUsbService::registerKusCallback(const sp<IKUsbServiceCallback>& callback
     const sp<IBinder> binder = IInterface::asBinder(callback);
     LOG(INFO) << "registerKusCallback binder " << binder.get();
     const sp<CallbackDeathRecipient> recipient = new CallbackDeathRecipient(callback, this);
-    // Over both steps: a notice that comes between them waits, and finds its entry.
-    const AutoMutex lock(listLock);
-    if (binder->linkToDeath(recipient) != OK) {
-        LOG(ERROR) << "Failed to link death recipient to binder";
-        return Status::ok();
+    CallbackMap registered;
+    {
+        // Over both steps: a notice that comes between them waits, and finds its entry.
+        const AutoMutex lock(listLock);
+        if (binder->linkToDeath(recipient) != OK) {
+            LOG(ERROR) << "Failed to link death recipient to binder";
+            return Status::ok();
+        }
+        callbacks_.emplace(binder.get(), recipient);
+        registered = callbacks_;
     }
-    callbacks_.emplace(binder.get(), recipient);
-    LOG(ERROR) << "Size of callbacks at registerKusCallback " << callbacks_.size();
-    logCallbacks("registerKusCallback--: iterating map ");
+    LOG(ERROR) << "Size of callbacks at registerKusCallback " << registered.size();
+    logCallbacks("registerKusCallback--: iterating map ", registered);
     return Status::ok();
 }
 
@@ -450,16 +495,20 @@ Status KUsbService::unregisterKusCallback(const sp<IKUsbServiceCallback>& callba
     LOG(INFO) << "unregisterKusCallback called" << callback.get();
     const sp<IBinder> binder = IInterface::asBinder(callback);
     LOG(INFO) << "unregisterKusCallback binder" << binder.get();
-    const AutoMutex lock(listLock);
-    const auto entry = findCallback(binder.get());
-    if (entry == callbacks_.end()) {
-        LOG(INFO) << "Given callback not registered with this list";
-        return Status::ok();
+    CallbackMap registered;
+    {
+        const AutoMutex lock(listLock);
+        const auto entry = findCallback(binder.get());
+        if (entry == callbacks_.end()) {
+            LOG(INFO) << "Given callback not registered with this list";
+            return Status::ok();
+        }
+        UnregisterInternal(entry);
+        registered = callbacks_;
     }
-    UnregisterInternal(entry);
-    LOG(INFO) << "Size of callbacks at unregisterKusCallback" << callbacks_.size();
+    LOG(INFO) << "Size of callbacks at unregisterKusCallback" << registered.size();
     // After the erase, whatever the text says.
-    logCallbacks("unregisterKusCallback--: before erase iterating map ");
+    logCallbacks("unregisterKusCallback--: before erase iterating map ", registered);
     return Status::ok();
 }
 
@@ -510,9 +559,9 @@ KUsbService::CallbackMap::iterator KUsbService::findCallback(IBinder* binder) {
     return first != callbacks_.end() && first->first == binder ? first : callbacks_.end();
 }
 
-void KUsbService::logCallbacks(const char* text) const {
+void KUsbService::logCallbacks(const char* text, const CallbackMap& registered) {
     if (!verboseLogging) return;
-    for (const auto& [binder, recipient] : callbacks_) {
+    for (const auto& [binder, recipient] : registered) {
         LOG(INFO) << text << "key:" << binder << " value:" << recipient.get();
     }
 }
@@ -553,6 +602,11 @@ void KUsbService::addDeviceList(DeviceInfo info, bool allowed, std::string reaso
 }
 
 void KUsbService::addUsbDevice(std::unique_ptr<DeviceInfo> record) {
+    Announcement announcement = {record->deviceId};
+    {
+        const AutoMutex lock(listLock);
+        announcements.push_back(&announcement);
+    }
     for (const sp<IKUsbServiceCallback>& callback : callbacks()) {
         if (verboseLogging) {
             LOG(INFO) << "addDeviceList: sending callback to client of onDeviceAdded  "
@@ -561,6 +615,9 @@ void KUsbService::addUsbDevice(std::unique_ptr<DeviceInfo> record) {
         callback->onDeviceAdded(*record);
     }
     const AutoMutex lock(listLock);
+    announcements.erase(std::find(announcements.begin(), announcements.end(), &announcement));
+    // It went while a client took its time: a record would stay for whatever gets its id next.
+    if (announcement.removed) return;
     // An id that is listed already keeps its first record, though the clients have heard: meant.
     mUsbDeviceInfoList.emplace(record->deviceId, std::move(record));
 }
@@ -587,8 +644,7 @@ Status KUsbService::updateDeviceList(const DeviceInfo& info, int32_t status) {
         }
         forgetInterfaces(info.deviceId);
         LOG(INFO) << info.deviceName << " device removed from " << list;
-        const AutoMutex lock(listLock);
-        mUsbDeviceInfoList.erase(info.deviceId);
+        eraseUsbDevice(info.deviceId);
     } else {
         LOG(INFO) << info.deviceName << " device removed from " << list;
         const AutoMutex lock(listLock);
@@ -647,7 +703,8 @@ Status KUsbService::resetUsbDevices(int32_t value) {
 status_t KUsbService::dump(int fd, const Vector<String16>& args) {
     if (!args.empty()) {
         LOG(INFO) << "args[0] is" << String8(args[0]).string();
-        if (args[0] == String16("test")) {
+        // A String16 counts as equal up to its first zero, wherever it ends.
+        if (args[0].size() == strlen(kTestArgument) && args[0] == String16(kTestArgument)) {
             dprintf(fd, "USB Test \n");
             dumpTopology(fd);
         }

@@ -32,8 +32,9 @@ namespace android::kus {
  * an out-parameter. The device lists are process-wide, the registry of callbacks is the object's.
  *
  * A client is called on the thread that made the change, without a lock: it may call the service
- * from there. One that does not return holds up nobody but whoever has a USB device announced to
- * it. A change that was under way is still told to a client that has unregistered meanwhile.
+ * from there. One that does not return holds up nobody but whoever has the coming or going of a USB
+ * device told to it. A change that was under way is still told to a client that has unregistered
+ * meanwhile, and one that was removed before all clients had heard of it is not listed.
  */
 class KUsbService : public BnKUsbService {
   public:
@@ -48,7 +49,11 @@ class KUsbService : public BnKUsbService {
 
     // --- IKUsbService --------------------------------------------------------------------------
 
-    /** As generated, but for parcels that the platform's readers do not survive: BAD_VALUE. */
+    /**
+     * As generated, with limits. BAD_VALUE for a parcel of more than 8 KB, of an odd size, or with
+     * a record that claims more interface classes than follow; INVALID_OPERATION for the fifth call
+     * of a thread within each other (a client that calls from inside its callback, and so on).
+     */
     status_t onTransact(uint32_t code, const Parcel& data, Parcel* reply, uint32_t flags) override;
 
     /** Ok also when the client is dead already, and then nothing is kept. */
@@ -81,6 +86,8 @@ class KUsbService : public BnKUsbService {
      * Records a judged device and tells the clients of a USB device.
      *
      * A device id that is listed already keeps its first record; the clients are told of the new.
+     * A decision about a USB device makes the record beside its own rescan and joins in behind
+     * that.
      */
     void addDeviceList(DeviceInfo info, bool allowed, std::string reason);
 
@@ -141,7 +148,7 @@ class KUsbService : public BnKUsbService {
 
     /** The first entry of the binder, or the end. */
     CallbackMap::iterator findCallback(IBinder* binder) REQUIRES(listLock);
-    void logCallbacks(const char* text) const REQUIRES(listLock);
+    static void logCallbacks(const char* text, const CallbackMap& registered);
     std::vector<sp<IKUsbServiceCallback>> callbacks() const EXCLUDES(listLock);
 
     /** Taken by the death notice alone. */

@@ -16,9 +16,9 @@
 //
 // Threads: the poll thread of a virtual dock; everything else runs on its callers'.
 //
-// Locks: resetLock, for the whole of a reset, its pauses included: nobody but another reset waits
-// for it. mapLock, by the callers of a rescan and of the map's operations; taken here by a virtual
-// dock alone, behind resetLock, for its look into the map.
+// Locks: resetLock, for the whole of a reset, its pauses included: another reset waits for it, be
+// it the observer's behind new rules. mapLock, by the callers of a rescan and of the map's
+// operations; taken here by a virtual dock alone, behind resetLock, for its look into the map.
 
 #include "android/kus/usbdevice.h"
 

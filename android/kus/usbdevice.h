@@ -141,7 +141,8 @@ class UsbDevice {
 
     /**
      * Held from a rescan to the last look at what it found. Whoever holds it may be waiting for the
-     * kernel: an attribute's read waits while the device's driver is being bound or unbound.
+     * kernel: reads of attributes and writes of "authorized" take the device's own lock there,
+     * which is held while a driver is being bound or unbound.
      */
     static Mutex mapLock;
 
