@@ -7,10 +7,12 @@
 #include <string.h>
 
 #include <algorithm>
+#include <memory>
 #include <string>
 #include <utility>
 #include <vector>
 
+#include <android-base/logging.h>
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
@@ -83,6 +85,27 @@ std::string authorizedOf(const std::string& name) {
     return "/sys/bus/usb/devices/" + name + "/authorized";
 }
 
+// The map's entry of an interface whose texts but one are ordinary, byte by byte.
+std::string mapEntryWith(const std::string& field, const std::string& text) {
+    Remove("/sys/devices");
+    Remove(kUsbDevices);
+    const auto textOf = [&](const std::string& name, const std::string& ordinary) {
+        return field == name ? text : ordinary;
+    };
+    AddDevice("1-5", 1, 5, "17e9", "6001",
+              {{"manufacturer", textOf("manufacturer", "ACME")},
+               {"product", textOf("product", "Dock")}});
+    // Mass storage has one category path, whatever its name.
+    const bool isNetwork = field == "category_path";
+    const std::string directory =
+            AddInterface(textOf("interface_name", kInterface), isNetwork ? "ff" : "08");
+    if (isNetwork) MakeDir(directory + "/net/" + text);
+    UsbDevice::create_usb_device_map();
+    CHECK_EQ(UsbDevice::DeviceIdMap.size(), 1U);
+    const DeviceIdEntry& entry = UsbDevice::DeviceIdMap.begin()->second;
+    return {reinterpret_cast<const char*>(&entry), sizeof(entry)};
+}
+
 }  // namespace
 
 // --- Entries -----------------------------------------------------------------------------------
@@ -152,6 +175,35 @@ TEST_F(FillMap, CopiesTextsOfFullLength) {
     EXPECT_EQ(entry.manufacturer, TextOf(63));
     EXPECT_EQ(entry.product, TextOf(62));
     EXPECT_STREQ(entry.category_path, "sdcard");
+}
+
+TEST_F(FillMap, KeepsEachTextInItsField) {
+    const struct {
+        const char* name;
+        size_t offset;
+        size_t size;
+        size_t longest;
+        size_t dropped; /**< a text from this length on is left out whole */
+    } table[] = {
+            {"interface_name", offsetof(DeviceIdEntry, interface_name), 255, 254, 256},
+            {"manufacturer", offsetof(DeviceIdEntry, manufacturer), 64, 63, 64},
+            {"product", offsetof(DeviceIdEntry, product), 64, 63, 64},
+            {"category_path", offsetof(DeviceIdEntry, category_path), 64, 63, 256},
+    };
+    for (const auto& row : table) {
+        const std::string ordinary = mapEntryWith(row.name, kInterface);
+        for (const size_t length : {row.longest - 1, row.longest, row.longest + 1, size_t(200)}) {
+            SCOPED_TRACE(testing::Message() << row.name << " of " << length);
+            // As an interface's name, it must begin like one.
+            const std::string text = kInterface + TextOf(length - strlen(kInterface));
+            const std::string entry = mapEntryWith(row.name, text);
+            const std::string kept = length < row.dropped ? text.substr(0, row.longest) : "";
+            EXPECT_EQ(entry.substr(row.offset, row.size),
+                      kept + std::string(row.size - kept.size(), '\0'));
+            EXPECT_EQ(entry.substr(0, row.offset), ordinary.substr(0, row.offset));
+            EXPECT_EQ(entry.substr(row.offset + row.size), ordinary.substr(row.offset + row.size));
+        }
+    }
 }
 
 TEST_F(FillMap, MakesTheIdOfBusAndDeviceNumber) {
@@ -285,6 +337,38 @@ TEST_F(CategoryRule, KeepsANameOf63Characters) {
             MakeDir(directory_ + parent + TextOf(length));
             EXPECT_EQ(categoryOf().second, TextOf(std::min<size_t>(length, 63)));
         }
+    }
+}
+
+// The record ends at the sanitizer's guard; within it, every byte of the other fields stays.
+TEST_F(CategoryRule, ChangesItsTwoFieldsOnly) {
+    const auto bytesOf = [](const usbinterface& record) {
+        return std::string(reinterpret_cast<const char*>(&record), sizeof(record));
+    };
+    const size_t behind = offsetof(usbinterface, category_path) + kTextSize;
+    const std::vector<std::string> paths = {"",
+                                            "/net",
+                                            "/net/" + TextOf(63),
+                                            "/net/" + TextOf(64),
+                                            "/net/" + TextOf(65),
+                                            "/tty/" + TextOf(255),
+                                            "/" + std::string(kHid),
+                                            "/" + std::string(kHid) + "/input"};
+    for (const std::string& path : paths) {
+        SCOPED_TRACE(path);
+        makeEmpty();
+        MakeDir(directory_ + path);
+        const auto record = std::make_unique<usbinterface>();
+        memset(record.get(), 0xA5, sizeof(*record));
+        SetText(record->name, kInterface);
+        record->bInterfaceClass = 3;
+        const std::string before = bytesOf(*record);
+        UsbDevice::populate_category_device(record.get());
+        const std::string after = bytesOf(*record);
+        EXPECT_EQ(after.substr(0, offsetof(usbinterface, category)),
+                  before.substr(0, offsetof(usbinterface, category)));
+        EXPECT_NE(memchr(record->category_path, '\0', kTextSize), nullptr);
+        EXPECT_EQ(after.substr(behind), before.substr(behind));
     }
 }
 

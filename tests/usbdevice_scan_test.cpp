@@ -145,6 +145,103 @@ const std::vector<std::string>& smallTree() {
     return *names;
 }
 
+// One text of a record: where it stands, and what it keeps of what sysfs gives.
+struct TextField {
+    const char* kind; /**< of kinds() */
+    const char* name; /**< its attribute's, too */
+    size_t offset;
+    size_t size;
+    size_t longest; /**< what is behind is cut */
+    size_t dropped; /**< a text from this length on is left out whole; 0: none is */
+};
+
+const std::vector<TextField>& textFields() {
+    static const auto* const fields = new std::vector<TextField>{
+            {"bus", "speed", offsetof(usbbusnode, speed), 8, 7, 64},
+            {"bus", "name", offsetof(usbbusnode, name), 255, 254, 0},
+            {"bus", "driver", offsetof(usbbusnode, driver), 255, 254, 0},
+            {"device", "bMaxPower", offsetof(usbdevice, bMaxPower), 64, 63, 64},
+            {"device", "manufacturer", offsetof(usbdevice, manufacturer), 64, 63, 64},
+            {"device", "product", offsetof(usbdevice, product), 64, 63, 64},
+            {"device", "serial", offsetof(usbdevice, serial), 64, 63, 64},
+            {"device", "version", offsetof(usbdevice, version), 64, 63, 64},
+            {"device", "speed", offsetof(usbdevice, speed), 64, 63, 64},
+            {"device", "name", offsetof(usbdevice, name), 255, 254, 0},
+            {"device", "driver", offsetof(usbdevice, driver), 261, 254, 0},
+            {"interface", "name", offsetof(usbinterface, name), 255, 254, 0},
+            {"interface", "driver", offsetof(usbinterface, driver), 260, 254, 0},
+    };
+    return *fields;
+}
+
+const Kind& kindOf(const TextField& field) {
+    return *std::find_if(kinds().begin(), kinds().end(),
+                         [&](const Kind& kind) { return kind.name == std::string(field.kind); });
+}
+
+// Makes its entry with every attribute that has a field, each of a value of its own.
+void addWholeEntry(const Kind& kind) {
+    Remove("/sys/devices/usb");
+    Remove(kUsbDevices);
+    Attributes attributes = attributesFor({{"bDeviceClass", 0},       {"bDeviceProtocol", 0},
+                                           {"bDeviceSubClass", 0},    {"bMaxPacketSize0", 0},
+                                           {"bNumConfigurations", 0}, {"bNumInterfaces", 0},
+                                           {"bcdDevice", 0},          {"bmAttributes", 0},
+                                           {"configuration", 0},      {"devnum", 0},
+                                           {"idProduct", 0},          {"idVendor", 0},
+                                           {"maxchild", 0},           {"rx_lanes", 0},
+                                           {"tx_lanes", 0},           {"bAlternateSetting", 0},
+                                           {"bInterfaceClass", 0},    {"bInterfaceNumber", 0},
+                                           {"bInterfaceProtocol", 0}, {"bInterfaceSubClass", 0},
+                                           {"bNumEndpoints", 0}});
+    attributes.insert(attributes.end(), {{"bMaxPower", "100mA\n"},
+                                         {"manufacturer", "ACME\n"},
+                                         {"product", "Dock\n"},
+                                         {"serial", "0815\n"},
+                                         {"version", "2.10\n"},
+                                         {"speed", "480\n"}});
+    AddUsbEntry(kind.entry, attributes);
+    MakeLink(kind.driverLink, "drivers/usb");
+}
+
+// Gives a field's source a text of this length. Returns the name under which the entry is found:
+// slashes at its end make it as long as is wanted and still name the entry.
+std::string give(const TextField& field, size_t length) {
+    const Kind& kind = kindOf(field);
+    const std::string source = field.name;
+    if (source == "name") return Padded(kind.entry, length);
+    if (source == "driver") {
+        Remove(kind.driverLink);
+        MakeLink(kind.driverLink, "drivers/" + TextOf(length));
+    } else {
+        WriteFile("/sys/devices/usb/" + kind.entry + "/" + source, TextOf(length));
+    }
+    return kind.entry;
+}
+
+std::string textGiven(const TextField& field, size_t length) {
+    if (field.name == std::string("name")) return Padded(kindOf(field).entry, length);
+    return TextOf(length);
+}
+
+template <typename Node>
+std::string bytesOf(const Node* node) {
+    return {reinterpret_cast<const char*>(node), sizeof(*node)};
+}
+
+// The record of an entry byte by byte, what stands between and behind its fields included. Alone in
+// its list, it has the same links each time.
+std::string recordOf(const Kind& kind, const std::string& name) {
+    UsbDevice::inspect_bus_entry(name.c_str());
+    const std::string kindName = kind.name;
+    std::string bytes = kindName == "bus"      ? bytesOf(Buses().at(0))
+                        : kindName == "device" ? bytesOf(Devices().at(0))
+                                               : bytesOf(Interfaces().at(0));
+    UsbDevice::delete_all_nodes();
+    UsbDevice::empty_list();
+    return bytes;
+}
+
 }  // namespace
 
 // --- Records -----------------------------------------------------------------------------------
@@ -232,6 +329,45 @@ TEST(Records, HaveTheDescriptorOfAnInterfaceInOneBlock) {
     EXPECT_EQ(offsetof(usbinterface, bInterfaceNumber), first + 4);
     EXPECT_EQ(offsetof(usbinterface, bInterfaceProtocol), first + 8);
     EXPECT_EQ(offsetof(usbinterface, bInterfaceSubClass), first + 12);
+}
+
+// Each record is an allocation of its own, so that the sanitizer guards its end; within it, nothing
+// but the field itself may differ from the record of ordinary texts.
+TEST_F(UsbDeviceTest, RecordsKeepEachTextInItsField) {
+    for (const TextField& field : textFields()) {
+        const Kind& kind = kindOf(field);
+        addWholeEntry(kind);
+        const std::string ordinary = recordOf(kind, kind.entry);
+        const size_t limit = field.longest;
+        for (const size_t length : {limit - 1, limit, limit + 1, limit + 2, size_t(63), size_t(64),
+                                    size_t(65), size_t(255), size_t(256), size_t(260), size_t(261),
+                                    size_t(262), size_t(300), size_t(4000)}) {
+            SCOPED_TRACE(testing::Message() << field.kind << " " << field.name << " of " << length);
+            const std::string record = recordOf(kind, give(field, length));
+            const std::string bytes = record.substr(field.offset, field.size);
+            const bool isDropped = field.dropped != 0 && length >= field.dropped;
+            ASSERT_NE(bytes.find('\0'), std::string::npos);
+            EXPECT_EQ(std::string(bytes.c_str()),
+                      isDropped ? "" : textGiven(field, length).substr(0, limit));
+            EXPECT_EQ(record.substr(0, field.offset), ordinary.substr(0, field.offset));
+            EXPECT_EQ(record.substr(field.offset + field.size),
+                      ordinary.substr(field.offset + field.size));
+        }
+    }
+}
+
+TEST_F(UsbDeviceTest, RecordsLeaveTheRestOfADriversRoomAlone) {
+    for (const TextField& field : textFields()) {
+        if (field.name != std::string("driver")) continue;
+        const Kind& kind = kindOf(field);
+        addWholeEntry(kind);
+        for (const size_t length : {254, 255, 260, 261, 262, 4000}) {
+            SCOPED_TRACE(testing::Message() << field.kind << ", driver of " << length);
+            const std::string record = recordOf(kind, give(field, length));
+            EXPECT_EQ(record.substr(field.offset, field.size),
+                      TextOf(254) + std::string(field.size - 254, '\0'));
+        }
+    }
 }
 
 // --- inspect_bus_entry -------------------------------------------------------------------------
