@@ -6,6 +6,7 @@
 #include <string.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <vector>
 
@@ -15,6 +16,10 @@ namespace android::kus::tools {
 namespace {
 
 constexpr int32_t kRemoved = 0;
+constexpr int32_t kHidClass = 3;
+constexpr int32_t kHubClass = 9;
+constexpr char kHidDriver[] = "usbhid";
+constexpr char kHubDriver[] = "hub";
 
 bool hasDeviceNumber(const AttachedDevice& device, int32_t devnum) {
     return device.kind != DeviceKind::kUsb || devnum == 0 || deviceNumber(device.info) == devnum;
@@ -22,6 +27,20 @@ bool hasDeviceNumber(const AttachedDevice& device, int32_t devnum) {
 
 bool exists(const std::string& path) {
     return access(path.c_str(), F_OK) == 0;
+}
+
+bool isHidAlone(const DeviceInfo& info) {
+    const std::vector<int32_t>& classes = info.interfaceClasses;
+    return !classes.empty() && std::all_of(classes.begin(), classes.end(),
+                                           [](int32_t code) { return code == kHidClass; });
+}
+
+// None if they have changed since |device| was read: nothing may be opened for a verdict on other
+// interfaces. The events of the change, which are still to come, lead to another verdict.
+UsbInterfaces interfacesOf(const AttachedDevice& device) {
+    UsbInterfaces interfaces(device.path);
+    if (interfaces.classes() != device.info.interfaceClasses) return UsbInterfaces();
+    return interfaces;
 }
 
 }  // namespace
@@ -41,6 +60,7 @@ void Agent::disconnect() {
 }
 
 void Agent::rescan(RescanReason reason) {
+    if (mode_ == Mode::kClosed) closePresent();
     if (!connected()) return;
     out_->rescan(reason);
     forgetGone();
@@ -53,6 +73,7 @@ void Agent::rescan(RescanReason reason) {
 }
 
 void Agent::handle(const Uevent& event) {
+    if (mode_ == Mode::kClosed && event.kind == DeviceKind::kUsb) followClosed(event);
     if (!connected()) return;
     const auto known = judged_.find({event.kind, event.sysname});
     switch (event.change) {
@@ -71,6 +92,8 @@ void Agent::handle(const Uevent& event) {
                 judgeNewConfiguration(event);
             }
             return;
+        case Change::kRootHubReady:
+            return;
     }
 }
 
@@ -82,20 +105,28 @@ void Agent::judgeIfNew(DeviceKind kind, const std::string& dir, int32_t devnum,
 }
 
 void Agent::judge(const AttachedDevice& device, Clock::time_point since) {
+    const bool isUsb = device.kind == DeviceKind::kUsb;
+    const bool comesClosed = mode_ == Mode::kClosed && isUsb;
+    const UsbInterfaces interfaces = comesClosed ? interfacesOf(device) : UsbInterfaces();
+    if (comesClosed) prepareQuestion(device, interfaces);
+
     Verdict verdict;
     verdict.device = device;
     const binder::Status status = service_->isDeviceAllowed(device.info, &verdict.allowed);
     const auto took = Clock::now() - since;
-    if (!status.isOk()) return callFailed(device, status);
-
-    const bool configured =
-            device.kind == DeviceKind::kInput || !device.info.interfaceClasses.empty();
-    const bool blocked = device.kind == DeviceKind::kUsb && isBlocked(device.path);
-    judged_[{device.kind, device.sysname}] = {device, !configured, blocked};
-    if (device.kind == DeviceKind::kInput) {
-        verdict.inhibited = applyInputVerdict(device, verdict.allowed);
+    if (!status.isOk()) {
+        if (!wasOpened(device.sysname, deviceNumber(device.info))) interfaces.close();
+        return callFailed(device, status);
     }
-    verdict.reason = recordedReason(device.info, verdict.allowed);
+
+    if (!isUsb) verdict.inhibited = applyInputVerdict(device, verdict.allowed);
+    const std::optional<std::string> reason = recordedReason(device.info, verdict.allowed);
+    if (comesClosed) {
+        applyUsbVerdict(device, interfaces, verdict.allowed, reason.has_value());
+    }
+    const bool configured = !isUsb || !device.info.interfaceClasses.empty();
+    judged_[{device.kind, device.sysname}] = {device, !configured, isUsb && isBlocked(device.path)};
+    verdict.reason = reason.value_or("");
     verdict.milliseconds = std::chrono::duration_cast<std::chrono::milliseconds>(took).count();
     out_->verdict(verdict);
 }
@@ -114,16 +145,16 @@ bool Agent::applyInputVerdict(const AttachedDevice& device, bool allowed) const 
 
 // The daemon keeps an earlier record of the same id: only one with this verdict can be this
 // verdict's.
-std::string Agent::recordedReason(const DeviceInfo& info, bool allowed) const {
+std::optional<std::string> Agent::recordedReason(const DeviceInfo& info, bool allowed) const {
     std::vector<DeviceInfo> records;
-    if (!service_->getDeviceList(&records).isOk()) return "";
+    if (!service_->getDeviceList(&records).isOk()) return std::nullopt;
     for (const DeviceInfo& record : records) {
         if (record.deviceId == info.deviceId && record.deviceType == info.deviceType &&
             record.status == (allowed ? 1 : 0)) {
             return record.reason;
         }
     }
-    return "";
+    return std::nullopt;
 }
 
 void Agent::judgeNewConfiguration(const Uevent& event) {
@@ -138,16 +169,20 @@ void Agent::forget(const Key& key) {
     const auto known = judged_.find(key);
     const AttachedDevice device = std::move(known->second.device);
     judged_.erase(known);
+    if (device.kind == DeviceKind::kUsb) opened_.erase(device.sysname);
     const binder::Status status = service_->updateDeviceList(device.info, kRemoved);
     if (!status.isOk()) return callFailed(device, status);
     out_->removed(device);
 }
 
-// The interfaces of another configuration make another device of it, and so do interfaces that are
-// no longer blocked: the kernel has made them anew.
-bool Agent::isStill(const Judged& judged, const DeviceInfo& present) {
+// The interfaces of another configuration make another device of it, and so do interfaces that the
+// kernel has made anew: open ones where they had been blocked, in the other mode closed ones where
+// they had been opened.
+bool Agent::isStill(const Judged& judged, const DeviceInfo& present) const {
     const DeviceInfo& info = judged.device.info;
-    if (judged.blocked && !isBlocked(judged.device.path)) return false;
+    const bool blocked = isBlocked(judged.device.path);
+    if (judged.blocked && !blocked) return false;
+    if (mode_ == Mode::kClosed && blocked && !judged.blocked) return false;
     return present.deviceId == info.deviceId &&
            (judged.awaitsInterfaces ? present.interfaceClasses.empty()
                                     : present.interfaceClasses == info.interfaceClasses);
@@ -162,6 +197,76 @@ void Agent::forgetGone() {
     for (const Key& key : gone) {
         if (connected()) forget(key);
     }
+}
+
+void Agent::closePresent() {
+    for (const std::string& dir : deviceDirectories(DeviceKind::kUsb, sysfs_)) closePresent(dir);
+}
+
+void Agent::closePresent(const std::string& dir) {
+    AttachedDevice device;
+    device.sysname = base::Basename(dir);
+    device.path = dir;
+    if (isHub(dir)) {
+        // One that has its driver is left alone: a write would wait while it enumerates a device.
+        const UsbInterfaces hub(dir, kHubClass);
+        if (hub.bound()) return;
+        check(hub.openFor(kHubDriver), device, "cannot open for hub");
+        check(hub.closeUnbound(), device, "cannot close");
+    } else if (!wasOpened(device.sysname, deviceNumberAt(dir))) {
+        check(UsbInterfaces(dir).close(), device, "cannot close");
+    }
+}
+
+void Agent::followClosed(const Uevent& event) {
+    switch (event.change) {
+        case Change::kReady:
+        case Change::kInterfaceAdded:
+            return closePresent(event.path);
+        case Change::kGone:
+            if (event.devnum == 0 || wasOpened(event.sysname, event.devnum)) {
+                opened_.erase(event.sysname);
+            }
+            return;
+        case Change::kRootHubReady:
+            return closePresent();
+        case Change::kInterfaceRemoved:
+            return;
+    }
+}
+
+bool Agent::wasOpened(const std::string& sysname, std::optional<int32_t> devnum) const {
+    const auto opened = opened_.find(sysname);
+    return opened != opened_.end() && opened->second == devnum;
+}
+
+void Agent::prepareQuestion(const AttachedDevice& device, const UsbInterfaces& interfaces) const {
+    if (!wasOpened(device.sysname, deviceNumber(device.info))) {
+        check(interfaces.close(), device, "cannot close");
+    }
+    if (isHidAlone(device.info)) {
+        check(interfaces.openFor(kHidDriver), device, "cannot open for usbhid");
+    }
+}
+
+void Agent::applyUsbVerdict(const AttachedDevice& device, const UsbInterfaces& interfaces,
+                            bool allowed, bool recorded) {
+    const bool leftToInput =
+            !allowed && !recorded && isHidAlone(device.info) && !interfaces.anyClosed();
+    if (!allowed && !leftToInput) {
+        opened_.erase(device.sysname);
+        return check(interfaces.close(), device, "cannot close");
+    }
+    if (interfaces.empty()) return;
+    opened_[device.sysname] = deviceNumber(device.info);
+    check(allowed ? interfaces.open() : interfaces.closeUnbound(), device, "cannot open");
+}
+
+void Agent::check(bool success, const AttachedDevice& device, const char* what) const {
+    if (success) return;
+    const int error = errno;
+    if (error == ENODEV || !exists(device.path)) return;
+    out_->problem(device, std::string(what) + ": " + strerror(error));
 }
 
 void Agent::callFailed(const AttachedDevice& device, const binder::Status& status) {

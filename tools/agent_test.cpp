@@ -432,5 +432,386 @@ TEST_F(AgentTest, CallThatFailsOtherwiseIsAProblemAndLeavesTheDeviceUnjudged) {
     EXPECT_EQ(Lines({"decide Stick 3002", "decide Stick 3002"}), daemon_->takeCalls());
 }
 
+/** The other mode. The devices of a test begin open, as under a root hub that nobody closed. */
+class ClosedAgentTest : public AgentTest {
+  protected:
+    ClosedAgentTest() {
+        // Says what is open when a device is asked about.
+        daemon_->judge = [this](const DeviceInfo& info) {
+            askedWith_ = info.deviceType == 0 ? opened("3-1") : "";
+            return verdict_;
+        };
+    }
+
+    static ScratchSysfs::Usb withClasses(const std::vector<std::string>& classes, int devnum = 2) {
+        ScratchSysfs::Usb device = usb("Device", devnum);
+        device.interfaceClasses = classes;
+        return device;
+    }
+
+    std::string device(const std::string& sysname) const {
+        return sysfs_.path() + "/bus/usb/devices/" + sysname;
+    }
+
+    /** "authorized" of all interfaces: "101". */
+    std::string opened(const std::string& sysname) const {
+        std::string values;
+        for (const std::string& name : interfaceNames(device(sysname))) {
+            values += ScratchSysfs::read(device(sysname) + "/" + name + "/authorized")[0];
+        }
+        return values;
+    }
+
+    void setAuthorized(const std::string& sysname, const std::string& value) const {
+        for (const std::string& name : interfaceNames(device(sysname))) {
+            ScratchSysfs::write(device(sysname) + "/" + name + "/authorized", value + "\n");
+        }
+    }
+
+    /** As the kernel would give it a driver. */
+    static void bindInterface(const std::string& dir, int number) {
+        std::filesystem::create_directory(dir + "/3-1:1." + std::to_string(number) + "/driver");
+    }
+
+    Uevent rootHubEvent() const { return usbEvent(Change::kRootHubReady, "usb3", 1); }
+
+    std::string probed() const { return sysfs_.busFile("drivers_probe"); }
+    std::string offered() const { return sysfs_.busFile("drivers/usbhid/bind"); }
+
+    FakeDaemon::Judgement verdict_;
+    std::string askedWith_;
+    Agent agent_{sysfs_.path(), &writer_, Agent::Mode::kClosed};
+};
+
+const FakeDaemon::Judgement kRefused = {false, "No rule", true};
+const FakeDaemon::Judgement kLeftToInput = {false, "", false};
+
+TEST_F(ClosedAgentTest, AllowedDeviceIsAskedAboutClosedAndThenOpenedAndProbed) {
+    agent_.connect(daemon_, RescanReason::kStart);
+    sysfs_.addUsb("3-1", withClasses({"08", "02", "0a"}));
+    agent_.handle(usbEvent(Change::kReady, "3-1", 2));
+    EXPECT_EQ("000", askedWith_);
+    EXPECT_EQ("111", opened("3-1"));
+    EXPECT_EQ("3-1:1.0\n3-1:1.1\n3-1:1.2\n", probed());
+    EXPECT_TRUE(lastToldHas("\"allowed\":true"));
+}
+
+TEST_F(ClosedAgentTest, RefusedDeviceStaysClosed) {
+    agent_.connect(daemon_, RescanReason::kStart);
+    verdict_ = kRefused;
+    sysfs_.addUsb("3-1", withClasses({"08", "03"}));
+    setAuthorized("3-1", "0");
+    agent_.handle(usbEvent(Change::kReady, "3-1", 2));
+    EXPECT_EQ("00", opened("3-1"));
+    EXPECT_EQ("", probed());
+    EXPECT_EQ("", offered());
+}
+
+TEST_F(ClosedAgentTest, DeviceThatWasQuickerThanTheClosingIsClosedBeforeTheQuestion) {
+    agent_.connect(daemon_, RescanReason::kStart);
+    verdict_ = kRefused;
+    sysfs_.addUsb("3-1", withClasses({"08"}));
+    agent_.handle(usbEvent(Change::kReady, "3-1", 2));
+    EXPECT_EQ("0", askedWith_);
+    EXPECT_EQ("0", opened("3-1"));
+}
+
+TEST_F(ClosedAgentTest, NewRootHubHasWhatIsThereClosedAtOnceAlsoWithoutAService) {
+    sysfs_.addUsb("3-1", withClasses({"08"}));
+    sysfs_.addUsb("3-2", withClasses({"03"}, 3));
+    agent_.handle(rootHubEvent());
+    EXPECT_EQ("0", opened("3-1"));
+    EXPECT_EQ("0", opened("3-2"));
+    EXPECT_EQ(Lines(), daemon_->takeCalls());
+}
+
+TEST_F(ClosedAgentTest, NewRootHubLeavesAloneWhatWasAllowed) {
+    sysfs_.addUsb("3-1", withClasses({"08"}));
+    agent_.connect(daemon_, RescanReason::kStart);
+    sysfs_.addUsb("3-2", withClasses({"08"}, 3));
+    agent_.handle(rootHubEvent());
+    EXPECT_EQ("1", opened("3-1"));
+    EXPECT_EQ("0", opened("3-2"));
+}
+
+TEST_F(ClosedAgentTest, ClosePresentClosesAllButHubsAndNeedsNoService) {
+    sysfs_.addUsb("3-1", withClasses({"08", "0a"}));
+    sysfs_.addUsb("3-2", withClasses({"03"}, 3));
+    ScratchSysfs::Usb hub = withClasses({"09"}, 4);
+    hub.deviceClass = "09";
+    const std::string dir = sysfs_.addUsb("3-3", hub);
+    std::filesystem::create_directory(dir + "/3-3:1.0/driver");
+    agent_.closePresent();
+    EXPECT_EQ("00", opened("3-1"));
+    EXPECT_EQ("0", opened("3-2"));
+    EXPECT_EQ("1", opened("3-3"));
+    EXPECT_EQ(Lines(), takeTold());
+}
+
+// In a scratch tree no driver takes what it is offered; one interface has its driver before.
+TEST_F(ClosedAgentTest, OfAHubOnlyWhatTheHubDriverTakesIsOpenWithAServiceOrWithout) {
+    ScratchSysfs::Usb hub = withClasses({"09", "09", "08"});
+    hub.deviceClass = "09";
+    for (const bool connected : {false, true}) {
+        SCOPED_TRACE(connected);
+        if (connected) agent_.connect(daemon_, RescanReason::kStart);
+        bindInterface(sysfs_.addUsb("3-1", hub), 0);
+        setAuthorized("3-1", "0");
+        agent_.handle(usbEvent(Change::kReady, "3-1", 2));
+        EXPECT_EQ("100", opened("3-1"));
+        EXPECT_EQ("3-1:1.0\n3-1:1.1\n", sysfs_.busFile("drivers/hub/bind"));
+        EXPECT_EQ("", probed());
+        EXPECT_EQ(Lines(), daemon_->takeCalls());
+        sysfs_.removeUsb("3-1");
+    }
+}
+
+TEST_F(ClosedAgentTest, HubWithItsDriverIsNotTouched) {
+    ScratchSysfs::Usb hub = withClasses({"09"});
+    hub.deviceClass = "09";
+    bindInterface(sysfs_.addUsb("3-1", hub), 0);
+    agent_.closePresent();
+    EXPECT_EQ("", sysfs_.busFile("drivers/hub/bind"));
+    EXPECT_EQ("1", opened("3-1"));
+}
+
+TEST_F(ClosedAgentTest, DeviceThatIsNoHubByItsClassIsAskedAboutThoughAnInterfaceIs) {
+    agent_.connect(daemon_, RescanReason::kStart);
+    verdict_ = kRefused;
+    sysfs_.addUsb("3-1", withClasses({"09", "08"}));
+    agent_.handle(usbEvent(Change::kReady, "3-1", 2));
+    EXPECT_EQ(Lines({"decide Device 3002"}), daemon_->takeCalls());
+    EXPECT_EQ("00", opened("3-1"));
+}
+
+TEST_F(ClosedAgentTest, HidAloneIsOpenForTheQuestionToItsDriverAlone) {
+    agent_.connect(daemon_, RescanReason::kStart);
+    verdict_ = kLeftToInput;
+    sysfs_.addUsb("3-1", withClasses({"03", "03"}));
+    setAuthorized("3-1", "0");
+    agent_.handle(usbEvent(Change::kReady, "3-1", 2));
+    EXPECT_EQ("11", askedWith_);
+    EXPECT_EQ("3-1:1.0\n3-1:1.1\n", offered());
+    EXPECT_EQ("", probed());
+}
+
+TEST_F(ClosedAgentTest, RefusalOfHidAloneWithoutARecordLeavesWhatUsbhidTookOpen) {
+    agent_.connect(daemon_, RescanReason::kStart);
+    verdict_ = kLeftToInput;
+    bindInterface(sysfs_.addUsb("3-1", withClasses({"03", "03"})), 1);
+    agent_.handle(usbEvent(Change::kReady, "3-1", 2));
+    EXPECT_EQ("01", opened("3-1"));
+    agent_.rescan(RescanReason::kOverflow);
+    EXPECT_EQ("01", opened("3-1"));
+    EXPECT_EQ(Lines({"decide Device 3002"}), daemon_->takeCalls());
+}
+
+TEST_F(ClosedAgentTest, RefusalOfHidAloneWithARecordClosesIt) {
+    agent_.connect(daemon_, RescanReason::kStart);
+    verdict_ = kRefused;
+    bindInterface(sysfs_.addUsb("3-1", withClasses({"03"})), 0);
+    agent_.handle(usbEvent(Change::kReady, "3-1", 2));
+    EXPECT_EQ("1", askedWith_);
+    EXPECT_EQ("0", opened("3-1"));
+}
+
+TEST_F(ClosedAgentTest, HidAloneThatTheDaemonHasBlockedIsClosedWithoutARecordToo) {
+    agent_.connect(daemon_, RescanReason::kStart);
+    const std::string dir = sysfs_.addUsb("3-1", withClasses({"03", "03"}));
+    bindInterface(dir, 0);
+    bindInterface(dir, 1);
+    daemon_->judge = [&](const DeviceInfo&) {
+        ScratchSysfs::write(dir + "/3-1:1.0/authorized", "0\n");
+        return kLeftToInput;
+    };
+    agent_.handle(usbEvent(Change::kReady, "3-1", 2));
+    EXPECT_EQ("00", opened("3-1"));
+}
+
+TEST_F(ClosedAgentTest, AllowedVendorHidIsOpenToAllDrivers) {
+    agent_.connect(daemon_, RescanReason::kStart);
+    sysfs_.addUsb("3-1", withClasses({"03"}));
+    agent_.handle(usbEvent(Change::kReady, "3-1", 2));
+    EXPECT_EQ("1", opened("3-1"));
+    EXPECT_EQ("3-1:1.0\n", probed());
+}
+
+TEST_F(ClosedAgentTest, MissingHidDriverIsAProblem) {
+    agent_.connect(daemon_, RescanReason::kStart);
+    takeTold();
+    verdict_ = kLeftToInput;
+    std::filesystem::remove_all(sysfs_.path() + "/bus/usb/drivers/usbhid");
+    sysfs_.addUsb("3-1", withClasses({"03"}));
+    agent_.handle(usbEvent(Change::kReady, "3-1", 2));
+    EXPECT_EQ(
+            "{\"event\":\"problem\",\"sysname\":\"3-1\",\"text\":\"cannot open for usbhid: "
+            "No such file or directory\"}",
+            takeTold()[0]);
+    EXPECT_EQ("0", opened("3-1"));
+}
+
+TEST_F(ClosedAgentTest, CallThatFailsLeavesTheDeviceClosed) {
+    agent_.connect(daemon_, RescanReason::kStart);
+    sysfs_.addUsb("3-1", withClasses({"03"}));
+    for (const status_t error : {PERMISSION_DENIED, DEAD_OBJECT}) {
+        daemon_->answer = binder::Status::fromStatusT(error);
+        agent_.handle(usbEvent(Change::kReady, "3-1", 2));
+        EXPECT_EQ("0", opened("3-1"));
+    }
+    EXPECT_FALSE(agent_.connected());
+}
+
+TEST_F(ClosedAgentTest, NothingIsOpenedWithoutAService) {
+    sysfs_.addUsb("3-1", withClasses({"08"}));
+    sysfs_.addUsb("3-2", withClasses({"03"}, 3));
+    agent_.handle(usbEvent(Change::kReady, "3-1", 2));
+    agent_.handle(usbEvent(Change::kReady, "3-2", 3));
+    EXPECT_EQ("0", opened("3-1"));
+    EXPECT_EQ("0", opened("3-2"));
+}
+
+TEST_F(ClosedAgentTest, AllowedDeviceKeepsItsDriversWhileTheDaemonIsAwayAndIsAskedAboutAnew) {
+    sysfs_.addUsb("3-1", withClasses({"08"}));
+    agent_.connect(daemon_, RescanReason::kStart);
+    EXPECT_EQ("0", askedWith_);
+    agent_.disconnect();
+    agent_.rescan(RescanReason::kOverflow);
+    EXPECT_EQ("1", opened("3-1"));
+    agent_.connect(daemon_, RescanReason::kService);
+    EXPECT_EQ("1", askedWith_);
+
+    agent_.disconnect();
+    verdict_ = kRefused;
+    daemon_->records.clear();
+    agent_.connect(daemon_, RescanReason::kService);
+    EXPECT_EQ("0", opened("3-1"));
+}
+
+TEST_F(ClosedAgentTest, AnotherDeviceOnThePortOfAnAllowedOneIsClosedThoughTheDaemonIsAway) {
+    sysfs_.addUsb("3-1", withClasses({"08"}));
+    agent_.connect(daemon_, RescanReason::kStart);
+    agent_.disconnect();
+    sysfs_.removeUsb("3-1");
+    sysfs_.addUsb("3-1", withClasses({"08"}, 3));
+    agent_.handle(usbEvent(Change::kReady, "3-1", 3));
+    EXPECT_EQ("0", opened("3-1"));
+}
+
+TEST_F(ClosedAgentTest, DeviceThatHasGoneIsForgottenThoughItsNumberIsUsedAgain) {
+    sysfs_.addUsb("3-1", withClasses({"08"}));
+    agent_.connect(daemon_, RescanReason::kStart);
+    agent_.disconnect();
+    agent_.handle(usbEvent(Change::kGone, "3-1", 2));
+    agent_.handle(rootHubEvent());
+    EXPECT_EQ("0", opened("3-1"));
+}
+
+TEST_F(ClosedAgentTest, LateEventOfAnEarlierDeviceDoesNotMakeAnAllowedOneForgotten) {
+    sysfs_.addUsb("3-1", withClasses({"08"}, 3));
+    agent_.connect(daemon_, RescanReason::kStart);
+    agent_.handle(usbEvent(Change::kGone, "3-1", 2));
+    agent_.handle(rootHubEvent());
+    EXPECT_EQ("1", opened("3-1"));
+}
+
+TEST_F(ClosedAgentTest, NewConfigurationOfAnAllowedDeviceIsAskedAboutClosed) {
+    const std::string dir = sysfs_.addUsb("3-1", withClasses({"08"}));
+    agent_.connect(daemon_, RescanReason::kStart);
+    verdict_ = kRefused;
+    agent_.handle(usbEvent(Change::kInterfaceRemoved, "3-1", 0));
+    std::filesystem::remove_all(dir + "/3-1:1.0");
+    ScratchSysfs::addInterface(dir, "2", 0, "02");
+    agent_.handle(usbEvent(Change::kInterfaceAdded, "3-1", 0));
+    EXPECT_EQ("0", askedWith_);
+    EXPECT_EQ("0", opened("3-1"));
+}
+
+TEST_F(ClosedAgentTest, RescanSeesThatInterfacesOfAnAllowedDeviceWereMadeAnew) {
+    sysfs_.addUsb("3-1", withClasses({"08"}));
+    agent_.connect(daemon_, RescanReason::kStart);
+    daemon_->takeCalls();
+    setAuthorized("3-1", "0");
+    agent_.rescan(RescanReason::kOverflow);
+    EXPECT_EQ(Lines({"remove Device 3002 0", "decide Device 3002"}), daemon_->takeCalls());
+    EXPECT_EQ("1", opened("3-1"));
+}
+
+TEST_F(ClosedAgentTest, RescanLeavesARefusedDeviceAsItIs) {
+    verdict_ = kRefused;
+    sysfs_.addUsb("3-1", withClasses({"08"}));
+    agent_.connect(daemon_, RescanReason::kStart);
+    daemon_->takeCalls();
+    agent_.rescan(RescanReason::kOverflow);
+    EXPECT_EQ(Lines(), daemon_->takeCalls());
+    EXPECT_EQ("0", opened("3-1"));
+}
+
+TEST_F(ClosedAgentTest, FirstConfigurationIsAskedAboutClosed) {
+    agent_.connect(daemon_, RescanReason::kStart);
+    const std::string dir = sysfs_.addUsb("3-1", unconfigured("Modem", 2));
+    agent_.handle(usbEvent(Change::kReady, "3-1", 2));
+    ScratchSysfs::addInterface(dir, "2", 0, "02");
+    agent_.handle(usbEvent(Change::kInterfaceAdded, "3-1", 0));
+    EXPECT_EQ(Lines({"decide Modem 3002", "remove Modem 3002 0", "decide Modem 3002"}),
+              daemon_->takeCalls());
+    EXPECT_EQ("0", askedWith_);
+    EXPECT_EQ("1", opened("3-1"));
+}
+
+TEST_F(ClosedAgentTest, VerdictOpensNoOtherDeviceThanTheOneItIsAbout) {
+    agent_.connect(daemon_, RescanReason::kStart);
+    sysfs_.addUsb("3-1", withClasses({"08"}));
+    daemon_->judge = [this](const DeviceInfo&) {
+        // Swapped while a client took its time.
+        sysfs_.removeUsb("3-1");
+        sysfs_.addUsb("3-1", withClasses({"08"}, 3));
+        setAuthorized("3-1", "0");
+        return FakeDaemon::Judgement();
+    };
+    agent_.handle(usbEvent(Change::kReady, "3-1", 2));
+    EXPECT_EQ("0", opened("3-1"));
+}
+
+TEST_F(ClosedAgentTest, InputDevicesAreJudgedAsInTheOtherMode) {
+    agent_.connect(daemon_, RescanReason::kStart);
+    verdict_ = kLeftToInput;
+    const std::string dir = sysfs_.addUsb("3-1", withClasses({"03"}));
+    bindInterface(dir, 0);
+    agent_.handle(usbEvent(Change::kReady, "3-1", 2));
+    verdict_ = kRefused;
+    const std::string keys = sysfs_.addInput(7, dir, input("Keys"));
+    agent_.handle(inputEvent(Change::kReady, keys));
+    EXPECT_TRUE(isInhibited(keys));
+    EXPECT_EQ("1", opened("3-1"));
+}
+
+TEST_F(AgentTest, OpenModeWritesNoSwitch) {
+    ScratchSysfs::Usb hub = usb("Hub", 4);
+    hub.deviceClass = "09";
+    hub.interfaceClasses = {"09"};
+    sysfs_.addUsb("3-1", usb("Closed", 2));
+    sysfs_.addUsb("3-2", usb("Open", 3));
+    sysfs_.addUsb("3-3", hub);
+    const auto authorized = [this](const std::string& sysname) {
+        return sysfs_.path() + "/bus/usb/devices/" + sysname + "/" + sysname + ":1.0/authorized";
+    };
+    ScratchSysfs::write(authorized("3-1"), "0\n");
+    ScratchSysfs::write(authorized("3-3"), "0\n");
+    const Uevent rootHub = usbEvent(Change::kRootHubReady, "usb3", 1);
+    agent_.handle(rootHub);
+    agent_.connect(daemon_, RescanReason::kStart);
+    agent_.handle(rootHub);
+    agent_.handle(usbEvent(Change::kReady, "3-2", 3));
+    agent_.handle(usbEvent(Change::kReady, "3-3", 4));
+    agent_.rescan(RescanReason::kOverflow);
+    EXPECT_EQ("0\n", ScratchSysfs::read(authorized("3-1")));
+    EXPECT_EQ("1\n", ScratchSysfs::read(authorized("3-2")));
+    EXPECT_EQ("0\n", ScratchSysfs::read(authorized("3-3")));
+    for (const char* file : {"drivers_probe", "drivers/hub/bind", "drivers/usbhid/bind"}) {
+        EXPECT_EQ("", sysfs_.busFile(file)) << file;
+    }
+    EXPECT_EQ(Lines({"decide Closed 3002", "decide Open 3003"}), daemon_->takeCalls());
+}
+
 }  // namespace
 }  // namespace android::kus::tools

@@ -33,6 +33,7 @@ using android::base::StartsWith;
 constexpr int32_t kHubClass = 9;
 constexpr int32_t kIdsPerBus = 1000;
 constexpr std::string_view kInputPrefix = "input";
+constexpr std::string_view kRootHubPrefix = "usb";
 
 std::vector<std::string> entryNames(const std::string& dir) {
     std::vector<std::string> names;
@@ -80,23 +81,11 @@ std::optional<std::string> settledConfiguration(const std::string& dir) {
     return attribute(dir, "bConfigurationValue");
 }
 
-// Interface number -> name. The names are DEVICE:CONFIGURATION.INTERFACE.
-std::map<uint32_t, std::string> interfaceNames(const std::string& dir) {
-    const std::string prefix = Basename(dir) + ":";
-    std::map<uint32_t, std::string> interfaces;
-    for (const std::string& name : entryNames(dir)) {
-        if (!StartsWith(name, prefix)) continue;
-        uint32_t interfaceNumber = 0;
-        if (!ParseUint(name.substr(name.rfind('.') + 1), &interfaceNumber)) continue;
-        interfaces[interfaceNumber] = name;
-    }
-    return interfaces;
-}
-
 std::optional<std::vector<int32_t>> interfaceClasses(const std::string& dir) {
     std::vector<int32_t> classes;
-    for (const auto& [interfaceNumber, name] : interfaceNames(dir)) {
-        const std::optional<int32_t> code = hexadecimal(dir, name + "/bInterfaceClass");
+    const std::string parent = dir + "/";
+    for (const std::string& name : interfaceNames(dir)) {
+        const std::optional<int32_t> code = interfaceClass(parent + name);
         if (!code) return std::nullopt;
         classes.push_back(*code);
     }
@@ -162,7 +151,7 @@ std::optional<AttachedDevice> readUsbDevice(const std::string& dir) {
     }
 
     const std::optional<int32_t> bus = decimal(device.path, "busnum");
-    const std::optional<int32_t> address = decimal(device.path, "devnum");
+    const std::optional<int32_t> address = deviceNumberAt(device.path);
     const std::optional<int32_t> deviceClass = hexadecimal(device.path, "bDeviceClass");
     const std::optional<int32_t> vendorId = hexadecimal(device.path, "idVendor");
     const std::optional<int32_t> productId = hexadecimal(device.path, "idProduct");
@@ -222,8 +211,47 @@ std::vector<std::string> deviceDirectories(DeviceKind kind, const std::string& s
     return names;
 }
 
+std::vector<std::string> rootHubDirectories(const std::string& sysfs) {
+    const std::string parent = sysfs + "/bus/usb/devices/";
+    std::vector<std::string> hubs;
+    for (const std::string& name : entryNames(parent)) {
+        if (StartsWith(name, kRootHubPrefix)) hubs.push_back(parent + name);
+    }
+    return hubs;
+}
+
 int32_t deviceNumber(const DeviceInfo& info) {
     return info.deviceId % kIdsPerBus;
+}
+
+std::optional<int32_t> deviceNumberAt(const std::string& dir) {
+    return decimal(dir, "devnum");
+}
+
+bool isHub(const std::string& dir) {
+    return hexadecimal(dir, "bDeviceClass") == kHubClass;
+}
+
+// The names are DEVICE:CONFIGURATION.INTERFACE; where a device has its ports a root hub has a 0.
+std::vector<std::string> interfaceNames(const std::string& dir) {
+    const std::string device = Basename(dir);
+    const bool isRootHub = StartsWith(device, kRootHubPrefix);
+    const std::string prefix =
+            isRootHub ? device.substr(kRootHubPrefix.size()) + "-0:" : device + ":";
+    std::map<uint32_t, std::string> byNumber;
+    for (const std::string& name : entryNames(dir)) {
+        if (!StartsWith(name, prefix)) continue;
+        uint32_t number = 0;
+        if (ParseUint(name.substr(name.rfind('.') + 1), &number)) byNumber[number] = name;
+    }
+    std::vector<std::string> names;
+    names.reserve(byNumber.size());
+    for (auto& [number, name] : byNumber) names.push_back(std::move(name));
+    return names;
+}
+
+std::optional<int32_t> interfaceClass(const std::string& dir) {
+    return hexadecimal(dir, "bInterfaceClass");
 }
 
 bool isInputName(std::string_view sysname) {
@@ -231,11 +259,10 @@ bool isInputName(std::string_view sysname) {
 }
 
 bool isBlocked(const std::string& dir) {
-    const std::map<uint32_t, std::string> interfaces = interfaceNames(dir);
-    return !interfaces.empty() &&
-           std::all_of(interfaces.begin(), interfaces.end(), [&](const auto& interface) {
-               return attribute(dir, interface.second + "/authorized") == "0";
-           });
+    const std::vector<std::string> names = interfaceNames(dir);
+    return !names.empty() && std::all_of(names.begin(), names.end(), [&](const std::string& name) {
+        return attribute(dir, name + "/authorized") == "0";
+    });
 }
 
 bool isInhibited(const std::string& dir) {

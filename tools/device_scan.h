@@ -63,8 +63,26 @@ std::optional<AttachedDevice> readDevice(DeviceKind kind, const std::string& dir
  */
 std::vector<std::string> deviceDirectories(DeviceKind kind, const std::string& sysfs);
 
+/** Directories of the root hubs below |sysfs|; empty if there is no USB. */
+std::vector<std::string> rootHubDirectories(const std::string& sysfs);
+
 /** The device number in a USB device's record. */
 int32_t deviceNumber(const DeviceInfo& info);
+
+/** The device number of the USB device at |dir|; nothing if it is going away. */
+std::optional<int32_t> deviceNumberAt(const std::string& dir);
+
+/** Is the USB device at |dir| a hub? False for one that is going away. */
+bool isHub(const std::string& dir);
+
+/**
+ * The names of the interfaces that the USB device or root hub at |dir| has, in the order of their
+ * numbers.
+ */
+std::vector<std::string> interfaceNames(const std::string& dir);
+
+/** bInterfaceClass of the interface at |dir|; nothing if it is going away. */
+std::optional<int32_t> interfaceClass(const std::string& dir);
 
 /**
  * Does the kernel keep every interface of the USB device at |dir| from drivers ("authorized" is 0)?

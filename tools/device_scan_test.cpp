@@ -226,6 +226,43 @@ TEST_F(DeviceScan, InhibitingFailsOnAKernelWithoutTheSwitch) {
     EXPECT_FALSE(std::filesystem::exists(dir + "/inhibited"));
 }
 
+TEST_F(DeviceScan, InterfacesAreNamedInTheOrderOfTheirNumbers) {
+    ScratchSysfs::Usb usb;
+    usb.interfaceClasses = {};
+    const std::string dir = sysfs_.addUsb("3-1.2", usb);
+    for (const int number : {10, 2, 0}) ScratchSysfs::addInterface(dir, "4", number, "08");
+    EXPECT_EQ(Names({"3-1.2:4.0", "3-1.2:4.2", "3-1.2:4.10"}), interfaceNames(dir));
+    EXPECT_EQ(8, interfaceClass(dir + "/3-1.2:4.10"));
+    EXPECT_EQ(std::nullopt, interfaceClass(dir + "/3-1.2:4.1"));
+}
+
+TEST_F(DeviceScan, RootHubsAreNoDevicesAndHaveInterfacesUnderNamesOfTheirOwn) {
+    const std::string dir = sysfs_.addRootHub(12);
+    sysfs_.addUsb("12-1", {});
+    EXPECT_EQ(Names({"12-1"}), names(DeviceKind::kUsb));
+    EXPECT_EQ(Names({sysfs_.path() + "/bus/usb/devices/usb12"}), rootHubDirectories(sysfs_.path()));
+    EXPECT_EQ(Names({"12-0:1.0"}), interfaceNames(dir));
+    EXPECT_EQ(Names(), rootHubDirectories(sysfs_.path() + "/nowhere"));
+}
+
+TEST_F(DeviceScan, HubIsToldByItsDeviceClassAlone) {
+    ScratchSysfs::Usb hub;
+    hub.deviceClass = "09";
+    EXPECT_TRUE(isHub(sysfs_.addUsb("3-1", hub)));
+    ScratchSysfs::Usb other;
+    other.interfaceClasses = {"09"};
+    EXPECT_FALSE(isHub(sysfs_.addUsb("3-2", other)));
+    EXPECT_FALSE(isHub(sysfs_.path() + "/bus/usb/devices/3-9"));
+}
+
+TEST_F(DeviceScan, DeviceNumberIsReadWithoutAConfiguration) {
+    ScratchSysfs::Usb usb;
+    usb.devnum = 77;
+    usb.bound = false;
+    EXPECT_EQ(77, deviceNumberAt(sysfs_.addUsb("3-1", usb)));
+    EXPECT_EQ(std::nullopt, deviceNumberAt(sysfs_.path() + "/bus/usb/devices/3-9"));
+}
+
 TEST(IsInputName, OnlyInputAndANumberIsOne) {
     EXPECT_TRUE(isInputName("input0"));
     EXPECT_TRUE(isInputName("input2147483647"));

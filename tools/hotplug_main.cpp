@@ -5,7 +5,7 @@
 //
 // One thread does all: it waits for uevents, for the daemon's death and for signals, hands the
 // events to the agent one by one, and looks for the daemon while there is none. Binder threads
-// only deliver death notices.
+// only deliver death notices. With --closed another thread closes root hubs that come (RootHubs).
 
 #include <poll.h>
 #include <signal.h>
@@ -28,6 +28,7 @@
 #include "tools/agent.h"
 #include "tools/event_writer.h"
 #include "tools/options.h"
+#include "tools/root_hubs.h"
 #include "tools/service.h"
 #include "tools/uevent_monitor.h"
 
@@ -35,21 +36,35 @@ namespace android::kus::tools {
 namespace {
 
 constexpr char kUsage[] =
-        "usage: kus-hotplug [--json] [--once] [--wait SECONDS]\n"
+        "usage: kus-hotplug [--json] [--once | --closed] [--wait SECONDS]\n"
         "\n"
         "Has kusd judge every USB device and every USB input device, those present and those\n"
         "that come, tells it when they go, and inhibits refused input devices.\n"
         "\n"
         "  --json          JSON lines instead of text\n"
         "  --once          judge what is present and end\n"
+        "  --closed        no device gets a driver before it is allowed\n"
         "  --wait SECONDS  give up if the daemon's service is not there within SECONDS\n"
         "                  (default: wait for it without end; with --once 10)\n"
         "  --help          this text\n"
         "\n"
-        "exit status: 0 ended by SIGTERM or SIGINT, or --once is done; 1 no uevents to be had;\n"
-        "2 usage; 3 no service in time, or it died during --once\n";
+        "Without --closed the kernel gives each device its drivers at once, and the daemon takes\n"
+        "them from a refused one some milliseconds later. With it the root hubs are told to start\n"
+        "all interfaces closed (interface_authorized_default 0). Those of an allowed device are\n"
+        "opened, those of hubs at once; a device of HID interfaces alone is opened to usbhid for\n"
+        "the question, which depends on what that driver makes of it. Everything present but hubs\n"
+        "is closed at the start and asked about like new.\n"
+        "The end of kus-hotplug or of the daemon opens nothing: the root hubs and what is closed\n"
+        "stay closed, and so do devices that come meanwhile. What is open stays open. To go back:\n"
+        "  for hub in /sys/bus/usb/devices/usb*; do echo 1 > $hub/interface_authorized_default; "
+        "done\n"
+        "and plug the devices in again.\n"
+        "\n"
+        "exit status: 0 ended by SIGTERM or SIGINT, or --once is done; 1 no uevents to be had, or\n"
+        "a root hub that cannot be closed; 2 usage; 3 no service in time, or it died during "
+        "--once\n";
 
-enum ExitStatus { kDone = 0, kNoUevents = 1, kUsageError = 2, kNoService = 3 };
+enum ExitStatus { kDone = 0, kNoKernel = 1, kUsageError = 2, kNoService = 3 };
 
 constexpr int32_t kDefaultWaitOnce = 10;
 constexpr int kServicePollMs = 200;
@@ -57,21 +72,26 @@ constexpr int kServicePollMs = 200;
 struct Settings {
     EventWriter::Format format = EventWriter::Format::kText;
     bool once = false;
+    bool closed = false;
     bool help = false;
     // Nothing: without end.
     std::optional<std::chrono::seconds> wait;
 };
 
 Parsed<Settings> parseSettings(const std::vector<std::string>& args) {
-    const auto options = Options::parse(args, {"json", "once", "help"}, {"wait"});
+    const auto options = Options::parse(args, {"json", "once", "closed", "help"}, {"wait"});
     if (!options.has_value()) return wrong(options.error());
     if (!options->words().empty()) return wrong("unknown word " + options->words()[0]);
+    if (options->has("once") && options->has("closed")) {
+        return wrong("--closed wants an agent that stays: not with --once");
+    }
     const auto wait = options->number("wait", kDefaultWaitOnce, 0);
     if (!wait.has_value()) return wrong(wait.error());
 
     Settings settings;
     if (options->has("json")) settings.format = EventWriter::Format::kJson;
     settings.once = options->has("once");
+    settings.closed = options->has("closed");
     settings.help = options->has("help");
     if (settings.once || options->has("wait")) settings.wait = std::chrono::seconds(*wait);
     return settings;
@@ -97,14 +117,18 @@ base::unique_fd blockEndSignals() {
 
 class Hotplug {
   public:
-    Hotplug(const Settings& settings, std::unique_ptr<UeventMonitor> monitor, int signalFd)
+    /** |rootHubs| with --closed only. */
+    Hotplug(const Settings& settings, std::unique_ptr<UeventMonitor> monitor,
+            std::unique_ptr<RootHubs> rootHubs, int signalFd)
         : settings_(settings),
           monitor_(std::move(monitor)),
+          rootHubs_(std::move(rootHubs)),
           signalFd_(signalFd),
           writer_(settings.format, printLine),
-          agent_("/sys", &writer_) {}
+          agent_("/sys", &writer_, settings.closed ? Agent::Mode::kClosed : Agent::Mode::kOpen) {}
 
     ExitStatus run() {
+        if (settings_.closed) agent_.closePresent();
         const auto start = Clock::now();
         while (true) {
             if (!agent_.connected()) tryToConnect();
@@ -115,14 +139,22 @@ class Hotplug {
                 std::cerr << "kus-hotplug: the daemon's service is not there\n";
                 return kNoService;
             }
-            if (await() == Wake::kEnd) return kDone;
+            switch (await()) {
+                case Wake::kEnd:
+                    return kDone;
+                case Wake::kFailure:
+                    std::cerr << "kus-hotplug: " << rootHubs_->error() << "\n";
+                    return kNoKernel;
+                case Wake::kWork:
+                    break;
+            }
             followService();
             followUevents();
         }
     }
 
   private:
-    enum class Wake { kWork, kEnd };
+    enum class Wake { kWork, kEnd, kFailure };
 
     void tryToConnect() {
         const sp<IKUsbService> service = link_.find();
@@ -143,12 +175,17 @@ class Hotplug {
     }
 
     Wake await() const {
-        pollfd fds[] = {
-                {signalFd_, POLLIN, 0}, {link_.noticeFd(), POLLIN, 0}, {monitor_->fd(), POLLIN, 0}};
+        // poll() passes over descriptors below 0.
+        const int failureFd = rootHubs_ == nullptr ? -1 : rootHubs_->failureFd();
+        pollfd fds[] = {{signalFd_, POLLIN, 0},
+                        {failureFd, POLLIN, 0},
+                        {link_.noticeFd(), POLLIN, 0},
+                        {monitor_->fd(), POLLIN, 0}};
         if (TEMP_FAILURE_RETRY(poll(fds, std::size(fds), pollTimeoutMs())) == -1) {
             PLOG(FATAL) << "Cannot wait for events";
         }
-        return fds[0].revents != 0 ? Wake::kEnd : Wake::kWork;
+        if (fds[0].revents != 0) return Wake::kEnd;
+        return fds[1].revents != 0 ? Wake::kFailure : Wake::kWork;
     }
 
     int pollTimeoutMs() const {
@@ -181,6 +218,7 @@ class Hotplug {
 
     const Settings settings_;
     std::unique_ptr<UeventMonitor> monitor_;
+    const std::unique_ptr<RootHubs> rootHubs_;
     const int signalFd_;
     const EventWriter writer_;
     Agent agent_;
@@ -206,11 +244,20 @@ int hotplugMain(const std::vector<std::string>& args) {
     std::unique_ptr<UeventMonitor> monitor = UeventMonitor::open();
     if (monitor == nullptr) {
         std::cerr << "kus-hotplug: cannot listen to uevents: " << strerror(errno) << "\n";
-        return kNoUevents;
+        return kNoKernel;
     }
     if (!haveBinder()) return kNoService;
+    std::unique_ptr<RootHubs> rootHubs;
+    if (settings->closed) {
+        std::string error;
+        rootHubs = RootHubs::keepClosed(&error);
+        if (rootHubs == nullptr) {
+            std::cerr << "kus-hotplug: " << error << "\n";
+            return kNoKernel;
+        }
+    }
     ProcessState::self()->startThreadPool();
-    return Hotplug(*settings, std::move(monitor), signalFd.get()).run();
+    return Hotplug(*settings, std::move(monitor), std::move(rootHubs), signalFd.get()).run();
 }
 
 }  // namespace

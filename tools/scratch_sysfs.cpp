@@ -24,6 +24,12 @@ void link(const std::string& at, const std::string& target) {
 
 ScratchSysfs::ScratchSysfs() {
     fs::create_directories(path() + "/bus/usb/devices");
+    write(path() + "/bus/usb/drivers_probe", "");
+    for (const std::string driver : {"hub", "usbhid"}) {
+        const std::string dir = path() + "/bus/usb/drivers/" + driver;
+        fs::create_directories(dir);
+        write(dir + "/bind", "");
+    }
     fs::create_directories(path() + "/bus/platform");
     fs::create_directories(path() + "/class/input");
 }
@@ -55,6 +61,21 @@ void ScratchSysfs::addInterface(const std::string& dir, const std::string& confi
             fs::path(dir).filename().string() + ":" + configuration + "." + std::to_string(number);
     fs::create_directories(dir + "/" + name);
     writeLine(dir + "/" + name + "/bInterfaceClass", interfaceClass);
+    writeLine(dir + "/" + name + "/authorized", "1");
+}
+
+std::string ScratchSysfs::addRootHub(int bus) const {
+    const std::string sysname = "usb" + std::to_string(bus);
+    std::string dir = path() + "/devices/platform/hcd/" + sysname;
+    fs::create_directories(dir);
+    writeLine(dir + "/interface_authorized_default", "1");
+    const std::string interface = dir + "/" + std::to_string(bus) + "-0:1.0";
+    fs::create_directories(interface + "/driver");
+    writeLine(interface + "/bInterfaceClass", "09");
+    writeLine(interface + "/authorized", "1");
+    link(dir + "/subsystem", path() + "/bus/usb");
+    link(path() + "/bus/usb/devices/" + sysname, dir);
+    return dir;
 }
 
 void ScratchSysfs::removeUsb(const std::string& sysname) const {

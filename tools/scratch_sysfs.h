@@ -44,9 +44,13 @@ class ScratchSysfs {
 
     /** Adds a device with all that belongs to it and returns its directory. */
     std::string addUsb(const std::string& sysname, const Usb& usb) const;
-    /** Adds one interface's directory to the device at |dir|. */
+    /** Adds one interface's directory to the device at |dir|, open and without a driver. */
     static void addInterface(const std::string& dir, const std::string& configuration, int number,
                              const std::string& interfaceClass);
+    /** Adds a root hub with its driver, whose bus is open, and returns its directory. */
+    std::string addRootHub(int bus) const;
+    /** What was written to |file| below bus/usb ("drivers_probe"), in lines. */
+    std::string busFile(const std::string& file) const { return read(path() + "/bus/usb/" + file); }
     void removeUsb(const std::string& sysname) const;
 
     /** Adds inputN below |parent|, a directory such as addUsb returned, and returns its own. */

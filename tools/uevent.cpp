@@ -26,6 +26,11 @@ bool isRootHub(const std::string& path) {
     return base::StartsWith(Basename(path), "usb");
 }
 
+std::optional<Change> rootHubChange(const std::string& action) {
+    if (action == "bind") return Change::kRootHubReady;
+    return std::nullopt;
+}
+
 std::optional<Change> usbDeviceChange(const std::string& action) {
     if (action == "bind") return Change::kReady;
     if (action == "remove") return Change::kGone;
@@ -52,8 +57,7 @@ std::optional<Uevent> interpretUevent(const RawUevent& raw, Clock::time_point re
     event.path = raw.path;
     std::optional<Change> change;
     if (raw.subsystem == "usb" && raw.devtype == "usb_device") {
-        if (isRootHub(raw.path)) return std::nullopt;
-        change = usbDeviceChange(raw.action);
+        change = isRootHub(raw.path) ? rootHubChange(raw.action) : usbDeviceChange(raw.action);
         event.devnum = deviceNumber(raw.devnum);
     } else if (raw.subsystem == "usb" && raw.devtype == "usb_interface") {
         change = interfaceChange(raw.action);

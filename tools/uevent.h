@@ -31,6 +31,8 @@ enum class Change {
     /** Interfaces of a USB device came or went: it got another configuration, or none. */
     kInterfaceAdded,
     kInterfaceRemoved,
+    /** A root hub has its configuration and its driver: nothing is enumerated behind it yet. */
+    kRootHubReady,
 };
 
 /** A change of one device that might have to be judged. */
@@ -49,7 +51,8 @@ struct Uevent {
 };
 
 /**
- * Translates a message, or returns nothing if it is about something else (root hubs included).
+ * Translates a message, or returns nothing if it is about something else. Of root hubs, which are
+ * no attached devices, only the readiness matters.
  *
  * A USB device's "add" comes before it has a configuration. Its "bind" comes when the driver
  * that configures devices has done so: by then the kernel has added the interfaces and run their

@@ -80,9 +80,17 @@ TEST(InterpretUevent, HandlersOfInputDevicesAreNoInputDevices) {
             interpret({"add", "input", "", "/sys/devices/x/input/input12/mouse0", ""}).has_value());
 }
 
-TEST(InterpretUevent, RootHubsAreNothing) {
-    EXPECT_FALSE(interpret({"bind", "usb", "usb_device", "/sys/devices/platform/hcd/usb3", "001"})
-                         .has_value());
+TEST(InterpretUevent, OfARootHubOnlyItsReadinessCounts) {
+    constexpr char kRootHub[] = "/sys/devices/platform/hcd/usb3";
+    const auto event = interpret({"bind", "usb", "usb_device", kRootHub, "001"});
+    ASSERT_TRUE(event.has_value());
+    EXPECT_EQ(Change::kRootHubReady, event->change);
+    EXPECT_EQ("usb3", event->sysname);
+    EXPECT_EQ(kRootHub, event->path);
+    for (const char* action : {"add", "change", "unbind", "remove"}) {
+        EXPECT_FALSE(interpret({action, "usb", "usb_device", kRootHub, "001"}).has_value())
+                << action;
+    }
 }
 
 TEST(InterpretUevent, OtherSubsystemsAreNothing) {

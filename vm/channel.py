@@ -215,7 +215,8 @@ class Follow:
 
 
 class Uevents(Task):
-    """The kernel's uevents since the terminal came up, as dictionaries of their fields."""
+    """The kernel's uevents since the terminal came up, as dictionaries of their fields. One field
+    more, MONOTONIC, holds when the terminal received it, in seconds of its own clock."""
 
     def __init__(self, channel: Channel, number: int) -> None:
         super().__init__(channel, number)

@@ -12,9 +12,11 @@
 // The harness picks the task numbers. A task is one of
 //   - a command: /bin/sh -c TEXT in a session of its own, on pipes or on a pseudo terminal;
 //   - a followed file: what it holds now and whatever is appended to it later;
-//   - the kernel's uevents, one frame each.
-// Each ends with exactly one kExit or kFailed frame. One thread, one poll loop; writes to the port
-// block, which slows a talkative command down instead of losing its output.
+//   - the kernel's uevents, one frame each, with the field MONOTONIC at the end: the time of their
+//     receipt by the clock of that name, in seconds.
+// Each ends with exactly one kExit or kFailed frame. One poll loop in one thread, and another
+// thread that only gives the uevents their times; writes to the port block, which slows a talkative
+// command down instead of losing its output.
 //
 // A command is over when its process is: what its background jobs hold open is closed, so a job
 // that is to outlive its command must have its output redirected. Whatever any process wrote, to a
@@ -24,9 +26,12 @@
 #include <fcntl.h>
 #include <linux/netlink.h>
 #include <poll.h>
+#include <pthread.h>
 #include <pty.h>
+#include <sched.h>
 #include <signal.h>
 #include <stdint.h>
+#include <stdio.h>
 #include <stdlib.h>
 #include <string.h>
 #include <sys/inotify.h>
@@ -35,6 +40,7 @@
 #include <sys/socket.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
+#include <time.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -42,6 +48,7 @@
 #include <map>
 #include <memory>
 #include <string>
+#include <thread>
 #include <utility>
 #include <vector>
 
@@ -357,6 +364,9 @@ class FollowedFile : public Task {
     Fd file_, changes_;
 };
 
+// A thread of its own receives the events and passes them on with the time of receipt. The loop may
+// be writing to the port meanwhile, which takes longer than the kernel takes from one event to the
+// next.
 class Uevents : public Task {
   public:
     static std::unique_ptr<Uevents> Start(const Port& port, uint32_t task) {
@@ -368,27 +378,38 @@ class Uevents : public Task {
         sockaddr_nl address = {};
         address.nl_family = AF_NETLINK;
         address.nl_groups = 1;
-        if (bind(socket_fd, reinterpret_cast<sockaddr*>(&address), sizeof(address)) != 0) {
+        int pair[2];
+        if (bind(socket_fd, reinterpret_cast<sockaddr*>(&address), sizeof(address)) != 0 ||
+            socketpair(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC, 0, pair) != 0) {
             port.SendFailure(task, "uevents");
             return nullptr;
         }
+        uevents->stamped_ = Fd(pair[0]);
+        uevents->receiver_ = Fd(pair[1]);
+        uevents->thread_ = std::thread(&Uevents::Receive, uevents.get());
+        // Before the programs that the events set to work.
+        const sched_param priority = {1};
+        pthread_setschedparam(uevents->thread_.native_handle(), SCHED_FIFO, &priority);
         // Tells the harness that from here on no event is missed.
         port.Send(task, kOutput, std::string("listening@"));
         return uevents;
     }
 
+    ~Uevents() override {
+        stamped_.reset();
+        if (thread_.joinable()) thread_.join();
+    }
+
     void Poll(std::vector<pollfd>* fds) const override {
-        fds->push_back({socket_.get(), POLLIN, 0});
+        fds->push_back({stamped_.get(), POLLIN, 0});
     }
 
     bool Ready(const pollfd&) override {
-        char buffer[16 * 1024];
-        const ssize_t size = recv(socket_.get(), buffer, sizeof(buffer), 0);
+        char buffer[16 * 1024 + 64];
+        const ssize_t size = recv(stamped_.get(), buffer, sizeof(buffer), MSG_DONTWAIT);
         if (size > 0) {
             port_.Send(task_, kOutput, buffer, size);
-        } else if (size < 0 && errno == ENOBUFS) {
-            port_.Send(task_, kOutput, std::string("overflow@"));
-        } else if (size < 0 && errno != EAGAIN && errno != EINTR) {
+        } else if (size == 0) {
             port_.SendFailure(task_, "uevents");
             return false;
         }
@@ -398,9 +419,42 @@ class Uevents : public Task {
   private:
     Uevents(const Port& port, uint32_t task) : port_(port), task_(task) {}
 
+    static std::string Now() {
+        timespec now;
+        clock_gettime(CLOCK_MONOTONIC, &now);
+        char text[48];
+        snprintf(text, sizeof(text), "MONOTONIC=%lld.%06ld", static_cast<long long>(now.tv_sec),
+                 now.tv_nsec / 1000);
+        return std::string(text, strlen(text) + 1);
+    }
+
+    // Until the other end of the pair is closed.
+    void Receive() {
+        char buffer[16 * 1024];
+        while (true) {
+            pollfd fds[] = {{socket_.get(), POLLIN, 0}, {receiver_.get(), 0, 0}};
+            if (poll(fds, 2, -1) < 0 && errno != EINTR) break;
+            if (fds[1].revents != 0) return;
+            const ssize_t size = recv(socket_.get(), buffer, sizeof(buffer), 0);
+            std::string event;
+            if (size > 0) {
+                event = std::string(buffer, size) + Now();
+            } else if (size < 0 && errno == ENOBUFS) {
+                event = "overflow@";
+            } else if (size < 0 && errno != EAGAIN && errno != EINTR) {
+                break;
+            } else {
+                continue;
+            }
+            if (send(receiver_.get(), event.data(), event.size(), MSG_NOSIGNAL) < 0) return;
+        }
+        shutdown(receiver_.get(), SHUT_WR);
+    }
+
     const Port& port_;
     const uint32_t task_;
-    Fd socket_;
+    Fd socket_, stamped_, receiver_;
+    std::thread thread_;
 };
 
 class Channel {
