@@ -10,9 +10,10 @@ import unittest
 from pathlib import Path
 
 REPO = Path(__file__).resolve().parent.parent
-FOLDERS = ("android/kus_aidl_interface", "android/kus", "tools", "tests")
-BP_MODULES = ("aidl_interface", "cc_binary", "cc_library_static", "cc_test", "cc_test_library")
-CMAKE_CALLS = ("add_executable", "add_library", "kus_add_test")
+FOLDERS = ("android/kus_aidl_interface", "android/kus", "tools", "tests", "tests/fuzz")
+BP_MODULES = ("aidl_interface", "cc_binary", "cc_fuzz", "cc_library_static", "cc_test",
+              "cc_test_library")
+CMAKE_CALLS = ("add_executable", "add_library", "kus_add_fuzzer", "kus_add_test")
 
 Targets = dict[str, list[str]]
 
@@ -87,8 +88,23 @@ class BuildFiles(unittest.TestCase):
                 root = REPO / folder
                 files = {str(f.relative_to(root)) for f in root.rglob("*.cpp")}
                 files |= {str(f.relative_to(root)) for f in root.rglob("*.aidl")}
+                inner = [f"{Path(other).relative_to(folder)}/" for other in FOLDERS
+                         if Path(folder) in Path(other).parents]
+                files = {file for file in files if not file.startswith(tuple(inner))}
                 named = {s for sources in bp_targets(folder).values() for s in sources}
                 self.assertEqual(files, named)
+
+    def test_every_fuzz_target_has_inputs_and_its_dictionary(self) -> None:
+        root = REPO / "tests/fuzz"
+        text = (root / "Android.bp").read_text()
+        targets = [name for name in bp_targets("tests/fuzz") if name.endswith("_fuzzer")]
+        self.assertEqual(sorted(targets), sorted(f.name for f in (root / "corpus").iterdir()))
+        for name in targets:
+            with self.subTest(target=name):
+                self.assertTrue(list((root / "corpus" / name).iterdir()))
+                self.assertIn(f'corpus: ["corpus/{name}/*"]', text)
+                named = f'dictionary: "{name}.dict"' in text
+                self.assertEqual(named, (root / f"{name}.dict").is_file())
 
 
 if __name__ == "__main__":

@@ -1,8 +1,7 @@
 // Copyright (C) 2026 The kusd authors
 // SPDX-License-Identifier: Apache-2.0
 
-// The observer in a thread of the test, on a scratch directory with the kernel's real events. It is
-// made to end by giving its descriptor another file, from which no event can be read.
+// The observer in a thread of the test, on a scratch directory with the kernel's real events.
 
 #include <errno.h>
 #include <fcntl.h>
@@ -36,6 +35,7 @@
 #include "android/kus/constants.h"
 #include "android/kus/ku_service.h"
 #include "tests/support/log_capture.h"
+#include "tests/support/observer_thread.h"
 #include "tests/support/process.h"
 #include "tests/support/scratch_tree.h"
 #include "tests/support/service_fixture.h"
@@ -122,25 +122,6 @@ void append(const std::string& path, const std::string& text) {
     CHECK(android::base::WriteStringToFd(text, opened(path, O_WRONLY | O_APPEND)));
 }
 
-// The process's inotify descriptors.
-std::vector<int> inotifyDescriptors() {
-    std::vector<int> descriptors;
-    for (const fs::directory_entry& entry : fs::directory_iterator("/proc/self/fd")) {
-        std::error_code gone;
-        if (fs::read_symlink(entry.path(), gone) == "anon_inode:inotify") {
-            descriptors.push_back(std::stoi(entry.path().filename()));
-        }
-    }
-    return descriptors;
-}
-
-void setHandler(int signum, int flags) {
-    struct sigaction action {};
-    action.sa_handler = [](int) {};
-    action.sa_flags = flags;
-    CHECK(sigaction(signum, &action, nullptr) == 0);
-}
-
 class ObserverTest : public ::testing::Test {
   protected:
     void SetUp() override {
@@ -150,28 +131,16 @@ class ObserverTest : public ::testing::Test {
         MakeDir(configDirPath);
     }
 
-    void TearDown() override {
-        if (thread_.joinable()) End(opened("/dev/null", O_WRONLY));
-    }
+    void TearDown() override { observer_.Stop(); }
 
     /** Runs the observer until it has told how its set-up went. */
     void Start(const LogLine& setUp = kWatching) {
-        thread_ = std::thread([this] { result_ = KUsbService::registerFileObserver(this); });
+        observer_.Start();
         ASSERT_TRUE(log.WaitFor(setUp));
-        const std::vector<int> descriptors = inotifyDescriptors();
-        ASSERT_EQ(1U, descriptors.size());
-        events_.reset(descriptors[0]);
+        observer_.FindDescriptor();
     }
 
-    /** Has the observer read from another file, which must make it end; returns its result. */
-    std::optional<void*> End(const unique_fd& file) {
-        CHECK(dup2(file, events_) != -1);
-        // Where it waits already, the read starts again, from the other file.
-        setHandler(SIGUSR1, SA_RESTART);
-        CHECK(pthread_kill(thread_.native_handle(), SIGUSR1) == 0);
-        thread_.join();
-        return result_;
-    }
+    std::optional<void*> End(const unique_fd& file) { return observer_.End(file); }
 
     /**
      * All lines so far: the observer has seen what was done to the directory before the call. Not
@@ -201,15 +170,13 @@ class ObserverTest : public ::testing::Test {
         return Handled();
     }
 
-    int Events() const { return events_.get(); }
-    pthread_t Thread() { return thread_.native_handle(); }
+    int Events() const { return observer_.Descriptor(); }
+    pthread_t Thread() { return observer_.Handle(); }
 
     LogCapture log;
 
   private:
-    std::thread thread_;
-    unique_fd events_;
-    std::optional<void*> result_;
+    ObserverThread observer_;
     int markers_ = 0;
 };
 
@@ -314,7 +281,7 @@ using Reading = ObserverTest;
 
 TEST_F(Reading, GoesOnAfterAnInterruption) {
     Start();
-    setHandler(SIGUSR1, 0);
+    SetHandler(SIGUSR1, 0);
     const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(20);
     // A signal that comes between two reads interrupts none.
     while (log.CountOf(kInterrupted) < 3 && std::chrono::steady_clock::now() < deadline) {
@@ -954,7 +921,7 @@ TEST_F(ObserverThread, IsStartedAndFollowsTheFile) {
     log.Take();
     EXPECT_THAT(TakeGood(kDefaultConfig), ElementsAreArray(kDefaultRound));
 
-    const std::vector<int> descriptors = inotifyDescriptors();
+    const std::vector<int> descriptors = InotifyDescriptors();
     ASSERT_EQ(1U, descriptors.size());
     ASSERT_NE(-1, dup2(opened("/dev/null", O_WRONLY), descriptors[0]));
     // An event ends the read in which it waits.
@@ -995,7 +962,7 @@ TEST_F(ObserverThread, IsMissingWhenItCannotBeStarted) {
     WriteFile(configFilePath, kDefaultConfig);
     EXPECT_THAT(log.Lines(), ElementsAre(Info("registerFileObserverViaThread result--" +
                                               std::to_string(EAGAIN))));
-    EXPECT_THAT(inotifyDescriptors(), IsEmpty());
+    EXPECT_THAT(InotifyDescriptors(), IsEmpty());
 }
 
 // --- The end of the daemon ----------------------------------------------------------------------

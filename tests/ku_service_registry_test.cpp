@@ -566,6 +566,72 @@ TEST_F(RegistryLock, IsNotHeldWhileAClientIsTold) {
     EXPECT_THAT(RegistrationsOf({dead, slow}), ElementsAre(0, 1));
 }
 
+// --- A death beside other calls ----------------------------------------------------------------
+
+using DeathOfAClient = RegistryTest;
+
+TEST_F(DeathOfAClient, ThatUnregistersWhileItsNoticeIsUnderWayLeavesNothing) {
+    const auto client = AddClient();
+    const auto other = AddClient();
+    client->onObituary = [&] { service->unregisterKusCallback(client); };
+    log.Take();
+    client->Die();
+    EXPECT_NE(-1, log.IndexOf(Error("Failed to unlink death recipient from binder")));
+    EXPECT_EQ(Info("Received binderDied"), log.Lines().back());
+    EXPECT_THAT(RegistrationsOf({client, other}), ElementsAre(0, 1));
+}
+
+TEST_F(DeathOfAClient, TakesTheRegistrationsThatItDidNotTakeBackMeanwhile) {
+    const auto client = AddClient();
+    service->registerKusCallback(client);
+    service->registerKusCallback(client);
+    client->onObituary = [&] { service->unregisterKusCallback(client); };
+    client->Die();
+    EXPECT_EQ(3, log.CountOf(Info("Received binderDied")));
+    EXPECT_EQ(2, log.CountOf(Info("Callback from dead process unregistered")));
+    EXPECT_THAT(RegistrationsOf({client}), ElementsAre(0));
+}
+
+TEST_F(DeathOfAClient, ThatRegistersWhileItsNoticeIsUnderWayLeavesNothing) {
+    const auto client = AddClient();
+    client->onObituary = [&] { service->registerKusCallback(client); };
+    client->Die();
+    EXPECT_NE(-1, log.IndexOf(Error("Failed to link death recipient to binder")));
+    EXPECT_THAT(RegistrationsOf({client}), ElementsAre(0));
+}
+
+// A client that dies as soon as it is linked to.
+class ShortLivedCallback : public FakeCallback {
+  public:
+    explicit ShortLivedCallback(LogCapture* log) : log_(log) {}
+    ~ShortLivedCallback() override { death_.join(); }
+
+    status_t linkToDeath(const sp<DeathRecipient>& recipient, void* cookie,
+                         uint32_t flags) override {
+        const status_t linked = FakeCallback::linkToDeath(recipient, cookie, flags);
+        death_ = std::thread([this] {
+            id_ = gettid();
+            Die();
+        });
+        EXPECT_TRUE(log_->WaitFor(Info("Received binderDied")));
+        for (int asleep = 0; asleep < 1000;) asleep = isAsleep(id_) ? asleep + 1 : 0;
+        return linked;
+    }
+
+  private:
+    LogCapture* const log_;
+    std::atomic<pid_t> id_ = 0;
+    std::thread death_;
+};
+
+// Otherwise the notice would find no entry, and end the process.
+TEST_F(DeathOfAClient, ThatIsBeingRegisteredWaitsForIt) {
+    const sp<ShortLivedCallback> client = new ShortLivedCallback(&log);
+    service->registerKusCallback(client);
+    EXPECT_TRUE(log.WaitFor(Info("Callback from dead process unregistered")));
+    EXPECT_THAT(RegistrationsOf({client}), ElementsAre(0));
+}
+
 }  // namespace
 
 }  // namespace android::kus::test

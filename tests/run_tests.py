@@ -3,9 +3,10 @@
 
 """Builds and runs the tests; the second half of ./test.
 
-Three suites: "lint" (formatting, static analysis, the two builds' lists), "unit" (googletest, each
-test in a sandbox of its own) and "vm" (unittest, in the virtual terminal). A test that did not run
-has failed: a missing result, an empty suite and a broken build all count.
+Five suites: "lint" (formatting, static analysis, the two builds' lists), "unit" (googletest, each
+test in a sandbox of its own), "race" (those of many threads once more, with the thread sanitizer),
+"fuzz" (the fuzz targets over their inputs) and "vm" (unittest, in the virtual terminal). A test
+that did not run has failed: a missing result, an empty suite and a broken build all count.
 """
 
 from __future__ import annotations
@@ -25,6 +26,8 @@ REPO = Path(__file__).resolve().parent.parent
 BUILD = REPO / "build"
 RESULTS = BUILD / "results"
 WORKERS = 2
+# A storm takes as many times two to five minutes.
+MODULE_TIMEOUT = max(1500, 400 * int(os.environ.get("KUS_STORM_FACTOR", "1")))
 
 
 class Outcome(NamedTuple):
@@ -84,7 +87,8 @@ def build(kind: str) -> Outcome:
 
 
 def tidy(source: str) -> Outcome:
-    command: list[str | Path] = ["clang-tidy-14", "--quiet", "-p", BUILD / "asan", source]
+    database = BUILD / ("fuzz" if source.startswith("tests/fuzz/") else "asan")
+    command: list[str | Path] = ["clang-tidy-14", "--quiet", "-p", database, source]
     # The path analysis of what googletest's macros unfold to takes a minute a file.
     if source.endswith("_test.cpp"):
         command.append("--checks=-clang-analyzer-*")
@@ -95,7 +99,7 @@ def compiled_sources() -> list[str]:
     commands = json.loads((BUILD / "asan/compile_commands.json").read_text())
     files = {Path(entry["file"]).resolve() for entry in commands}
     own = [file for file in files if not file.is_relative_to(BUILD)]
-    return sorted(str(file.relative_to(REPO)) for file in own)
+    return sorted({str(file.relative_to(REPO)) for file in own} | set(tracked("tests/fuzz/*.cpp")))
 
 
 def lint_checks() -> list[Callable[[], Outcome]]:
@@ -123,27 +127,79 @@ def run_lint(wanted: Callable[[str], bool]) -> Iterable[Outcome]:
 # --- unit ----------------------------------------------------------------------------------------
 
 
-def unit_outcome(case: ElementTree.Element) -> Outcome:
+def ctest_outcome(suite: str, case: ElementTree.Element) -> Outcome:
     # ctest writes "run" for a test that ran and passed, and something else for every other fate.
     passed = case.get("status") == "run"
     output = case.findtext("system-out") or ""
-    return Outcome(f"unit.{case.get('name')}", passed, output)
+    return Outcome(f"{suite}.{case.get('name')}", passed, output)
+
+
+def run_ctest(suite: str, kind: str, *options: str) -> list[Outcome]:
+    report = RESULTS / f"{suite}.xml"
+    report.unlink(missing_ok=True)
+    started = time.monotonic()
+    result = run(
+        ["ctest", "--test-dir", BUILD / kind, "-j", str(WORKERS), "--output-junit", report,
+         *options],
+        timeout=1800,
+    )
+    step(f"{suite}: {time.monotonic() - started:.0f} s")
+    if not report.exists():
+        return [Outcome(f"{suite}.ctest", False, result.stdout)]
+    cases = ElementTree.parse(report).iter("testcase")
+    outcomes = [ctest_outcome(suite, case) for case in cases]
+    return outcomes or [Outcome(f"{suite}.ctest", False, "no test was found\n" + result.stdout)]
 
 
 def run_unit(wanted: Callable[[str], bool]) -> Iterable[Outcome]:
     step("running the unit tests")
-    report = RESULTS / "unit.xml"
-    report.unlink(missing_ok=True)
-    result = run(
-        ["ctest", "--test-dir", BUILD / "asan", "-j", str(WORKERS), "--output-junit", report],
-        timeout=1800,
-    )
-    if not report.exists():
-        return [Outcome("unit.ctest", False, result.stdout)]
-    outcomes = [unit_outcome(case) for case in ElementTree.parse(report).iter("testcase")]
-    if not outcomes:
-        return [Outcome("unit.ctest", False, "no test was found\n" + result.stdout)]
+    return [outcome for outcome in run_ctest("unit", "asan") if wanted(outcome.name)]
+
+
+def run_race(wanted: Callable[[str], bool]) -> Iterable[Outcome]:
+    step("running the tests of many threads with the thread sanitizer")
+    outcomes = run_ctest("race", "tsan", "--label-regex", "^race$")
     return [outcome for outcome in outcomes if wanted(outcome.name)]
+
+
+# --- fuzz ----------------------------------------------------------------------------------------
+
+
+def fuzz_targets() -> list[str]:
+    return sorted(folder.name for folder in (REPO / "tests/fuzz/corpus").iterdir())
+
+
+def fuzz(target: str, long: bool) -> Outcome:
+    """Runs a target over its committed inputs and on from there, a minute or just a moment."""
+    name = f"fuzz.{target}"
+    inputs = REPO / "tests/fuzz/corpus" / target
+    dictionary = REPO / f"tests/fuzz/{target}.dict"
+    finds, artifacts = (BUILD / "fuzz" / f"{kind}-{target}" for kind in ("corpus", "artifacts"))
+    for folder in (finds, artifacts):
+        folder.mkdir(parents=True, exist_ok=True)
+    # The short run is the same each time, and so learns nothing from the long ones.
+    flags = ["-max_total_time=60", "/finds"] if long else ["-max_total_time=4", "-runs=20000",
+                                                           "-seed=1"]
+    if dictionary.exists():
+        flags.append(f"-dict={dictionary}")
+    result = run(
+        ["tests/sandbox", "--bind", finds, "/finds", "--bind", artifacts, "/artifacts",
+         BUILD / "fuzz/tests/fuzz" / target, "-timeout=60", "-print_final_stats=1",
+         "-artifact_prefix=/artifacts/", *flags, inputs],
+    )
+    output = result.stdout.replace("/artifacts/", f"{artifacts.relative_to(REPO)}/")
+    found = re.search(r"^stat::number_of_executed_units: (\d+)$", output, re.MULTILINE)
+    executions = int(found.group(1)) if found else 0
+    step(f"{name}: {executions} executions")
+    passed = result.returncode == 0 and executions >= len(list(inputs.iterdir()))
+    return Outcome(name, passed, output)
+
+
+def run_fuzz(wanted: Callable[[str], bool], long: bool) -> Iterable[Outcome]:
+    step("running the fuzz targets")
+    with concurrent.futures.ThreadPoolExecutor(WORKERS) as pool:
+        targets = [target for target in fuzz_targets() if wanted(f"fuzz.{target}")]
+        return list(pool.map(lambda target: fuzz(target, long), targets))
 
 
 # --- vm ------------------------------------------------------------------------------------------
@@ -156,7 +212,8 @@ def run_vm_module(module: str) -> list[Outcome]:
     report.unlink(missing_ok=True)
     started = time.monotonic()
     try:
-        result = run([sys.executable, "tests/vm/run_module.py", module, report], timeout=1500)
+        result = run([sys.executable, "tests/vm/run_module.py", module, report],
+                     timeout=MODULE_TIMEOUT)
         output = result.stdout
     except subprocess.TimeoutExpired as error:
         output = f"timed out\n{error.output}"
@@ -206,11 +263,17 @@ def main(arguments: list[str]) -> int:
     def suite_wanted(suite: str) -> bool:
         if only_modules:
             return suite == "vm"
-        return not names or any(suite in part or part not in ("lint", "unit", "vm")
+        return not names or any(suite in part or part not in ("fuzz", "lint", "race", "unit", "vm")
                                 for part in names)
 
     # A machine's first boot and a build want the same two cores: one thing after the other.
-    kinds = ["native", "asan"] + ([] if quick else ["arm64"])
+    only_fuzz = names == ["fuzz"]
+    needs_builds = names not in (["fuzz"], ["race"])
+    kinds = ["native", "asan"] + ([] if quick else ["arm64"]) if needs_builds else []
+    if suite_wanted("fuzz") or suite_wanted("lint"):
+        kinds.append("fuzz")
+    if suite_wanted("race"):
+        kinds.append("tsan")
     builds = [build(kind) for kind in kinds]
     if not all(outcome.passed for outcome in builds):
         return report(builds)
@@ -218,6 +281,10 @@ def main(arguments: list[str]) -> int:
     outcomes = builds if not names else []
     if suite_wanted("unit"):
         outcomes += run_unit(wanted)
+    if suite_wanted("race"):
+        outcomes += run_race(wanted)
+    if suite_wanted("fuzz"):
+        outcomes += run_fuzz(wanted, long=only_fuzz)
     if suite_wanted("lint"):
         outcomes += run_lint(wanted)
     if not quick and suite_wanted("vm"):

@@ -28,6 +28,7 @@ binder::Status FakeCallback::record(bool added, const DeviceInfo& device) {
 status_t FakeCallback::linkToDeath(const sp<DeathRecipient>& recipient, void*, uint32_t) {
     if (linkResult != OK) return linkResult;
     const std::lock_guard<std::mutex> lock(mutex_);
+    if (dead_) return DEAD_OBJECT;
     recipients_.push_back(recipient);
     return OK;
 }
@@ -36,6 +37,7 @@ status_t FakeCallback::unlinkToDeath(const wp<DeathRecipient>& recipient, void*,
                                      wp<DeathRecipient>*) {
     if (unlinkResult != OK) return unlinkResult;
     const std::lock_guard<std::mutex> lock(mutex_);
+    if (dead_) return DEAD_OBJECT;
     const auto found = std::find_if(
             recipients_.begin(), recipients_.end(),
             [&](const sp<DeathRecipient>& r) { return r.get() == recipient.unsafe_get(); });
@@ -48,8 +50,10 @@ void FakeCallback::Die() {
     std::vector<sp<DeathRecipient>> recipients;
     {
         const std::lock_guard<std::mutex> lock(mutex_);
+        dead_ = true;
         recipients.swap(recipients_);
     }
+    if (onObituary) onObituary();
     for (const sp<DeathRecipient>& recipient : recipients) recipient->binderDied(this);
 }
 

@@ -34,7 +34,10 @@ class FakeCallback : public BnKUsbServiceCallback {
     status_t unlinkToDeath(const wp<DeathRecipient>& recipient, void* cookie, uint32_t flags,
                            wp<DeathRecipient>* outRecipient) override;
 
-    /** Tells every linked recipient, each once. */
+    /**
+     * Tells every linked recipient, each once and without a lock of its own. Links and unlinks are
+     * answered with DEAD_OBJECT from here on: what was linked is being told, or was told.
+     */
     void Die();
 
     std::vector<Event> Events() const;
@@ -47,6 +50,8 @@ class FakeCallback : public BnKUsbServiceCallback {
     binder::Status answer = binder::Status::ok();
     /** Called from inside each callback, behind the recording of its event. */
     std::function<void(const Event&)> onEvent;
+    /** Called by Die() when nothing can be unlinked any more and nobody was told yet. */
+    std::function<void()> onObituary;
 
   private:
     binder::Status record(bool added, const DeviceInfo& device);
@@ -54,6 +59,7 @@ class FakeCallback : public BnKUsbServiceCallback {
     mutable std::mutex mutex_;
     std::vector<Event> events_;
     std::vector<sp<DeathRecipient>> recipients_;
+    bool dead_ = false;
 };
 
 }  // namespace android::kus::test
