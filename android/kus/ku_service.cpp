@@ -475,7 +475,8 @@ Status KUsbService::registerKusCallback(const sp<IKUsbServiceCallback>& callback
     const sp<IBinder> binder = IInterface::asBinder(callback);
     LOG(INFO) << "registerKusCallback binder " << binder.get();
     const sp<CallbackDeathRecipient> recipient = new CallbackDeathRecipient(callback, this);
-    CallbackMap registered;
+    size_t count = 0;
+    CallbackMap logged;
     {
         // Over both steps: a notice that comes between them waits, and finds its entry.
         const AutoMutex lock(listLock);
@@ -484,10 +485,11 @@ Status KUsbService::registerKusCallback(const sp<IKUsbServiceCallback>& callback
             return Status::ok();
         }
         callbacks_.emplace(binder.get(), recipient);
-        registered = callbacks_;
+        count = callbacks_.size();
+        if (verboseLogging) logged = callbacks_;
     }
-    LOG(ERROR) << "Size of callbacks at registerKusCallback " << registered.size();
-    logCallbacks("registerKusCallback--: iterating map ", registered);
+    LOG(ERROR) << "Size of callbacks at registerKusCallback " << count;
+    logCallbacks("registerKusCallback--: iterating map ", logged);
     return Status::ok();
 }
 
@@ -495,7 +497,8 @@ Status KUsbService::unregisterKusCallback(const sp<IKUsbServiceCallback>& callba
     LOG(INFO) << "unregisterKusCallback called" << callback.get();
     const sp<IBinder> binder = IInterface::asBinder(callback);
     LOG(INFO) << "unregisterKusCallback binder" << binder.get();
-    CallbackMap registered;
+    size_t count = 0;
+    CallbackMap logged;
     {
         const AutoMutex lock(listLock);
         const auto entry = findCallback(binder.get());
@@ -504,11 +507,12 @@ Status KUsbService::unregisterKusCallback(const sp<IKUsbServiceCallback>& callba
             return Status::ok();
         }
         UnregisterInternal(entry);
-        registered = callbacks_;
+        count = callbacks_.size();
+        if (verboseLogging) logged = callbacks_;
     }
-    LOG(INFO) << "Size of callbacks at unregisterKusCallback" << registered.size();
+    LOG(INFO) << "Size of callbacks at unregisterKusCallback" << count;
     // After the erase, whatever the text says.
-    logCallbacks("unregisterKusCallback--: before erase iterating map ", registered);
+    logCallbacks("unregisterKusCallback--: before erase iterating map ", logged);
     return Status::ok();
 }
 
@@ -559,9 +563,8 @@ KUsbService::CallbackMap::iterator KUsbService::findCallback(IBinder* binder) {
     return first != callbacks_.end() && first->first == binder ? first : callbacks_.end();
 }
 
-void KUsbService::logCallbacks(const char* text, const CallbackMap& registered) {
-    if (!verboseLogging) return;
-    for (const auto& [binder, recipient] : registered) {
+void KUsbService::logCallbacks(const char* text, const CallbackMap& callbacks) {
+    for (const auto& [binder, recipient] : callbacks) {
         LOG(INFO) << text << "key:" << binder << " value:" << recipient.get();
     }
 }

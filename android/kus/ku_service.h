@@ -148,7 +148,7 @@ class KUsbService : public BnKUsbService {
 
     /** The first entry of the binder, or the end. */
     CallbackMap::iterator findCallback(IBinder* binder) REQUIRES(listLock);
-    static void logCallbacks(const char* text, const CallbackMap& registered);
+    static void logCallbacks(const char* text, const CallbackMap& callbacks);
     std::vector<sp<IKUsbServiceCallback>> callbacks() const EXCLUDES(listLock);
 
     /** Taken by the death notice alone. */
