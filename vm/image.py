@@ -67,10 +67,19 @@ MODULES: dict[str, str] = {
     "usblp": "",
 }
 
+# Loaded only where there is a disk to need them: the library of checksums is found by name alone.
+DISK_MODULES: dict[str, str] = {
+    "crc32c_generic": "",
+    "virtio_blk": "",
+    "ext4": "",
+}
+
 # Where a program comes from decides nothing about where it goes: all are in the terminal's PATH.
 PROGRAMS = ("kusd", "kus-hotplug", "kus-client")
 PLATFORM_PROGRAMS = ("servicemanager", "service", "getprop", "setprop", "watchprops")
 CHANNEL = "vm-channel"
+# For tests alone.
+TEST_PROGRAMS = ("kus-hostile", "vm-steps")
 
 TRIPLET = "aarch64-linux-gnu"
 LIBRARY_DIR = f"lib/{TRIPLET}"
@@ -294,7 +303,8 @@ def _module_name(path: Path) -> str:
 
 
 def _module_entries(sources: Sources) -> Iterator[Entry]:
-    """The modules, and /etc/modules with their order and parameters."""
+    """The modules, and the lists /etc/modules and /etc/disk-modules with their order and
+    parameters. The second one goes on where the first one ends."""
     known = {_module_name(path): path
              for path in (*sources.modules().rglob("*.ko"), sources.own_module("kus_soc.ko"))}
     order: list[str] = []
@@ -311,13 +321,15 @@ def _module_entries(sources: Sources) -> Iterator[Entry]:
                     visit(dependency.replace("-", "_"))
         order.append(name)
 
-    for wanted in MODULES:
-        visit(wanted)
     yield _directory("lib/modules")
-    for name in order:
-        yield _file(f"lib/modules/{name}.ko", known[name], 0o644)
-    lines = (f"{name} {MODULES.get(name, '')}".rstrip() + "\n" for name in order)
-    yield Entry("etc/modules", stat.S_IFREG | 0o644, content="".join(lines).encode())
+    for filename, modules in (("modules", MODULES), ("disk-modules", DISK_MODULES)):
+        begin = len(order)
+        for wanted in modules:
+            visit(wanted)
+        for name in order[begin:]:
+            yield _file(f"lib/modules/{name}.ko", known[name], 0o644)
+        lines = (f"{name} {modules.get(name, '')}".rstrip() + "\n" for name in order[begin:])
+        yield Entry(f"etc/{filename}", stat.S_IFREG | 0o644, content="".join(lines).encode())
 
 
 def _program_entries(sources: Sources, names: Iterable[str]) -> Iterator[Entry]:
@@ -404,7 +416,9 @@ def build(sources: Sources | None = None, programs: Iterable[str] | None = None)
     `programs` defaults to all of them, and one that has not been built is an ImageError. Safe to
     call from several processes at once."""
     sources = sources or Sources()
-    names = (CHANNEL, *PROGRAMS, *PLATFORM_PROGRAMS) if programs is None else tuple(programs)
+    names = (CHANNEL, *PROGRAMS, *PLATFORM_PROGRAMS, *TEST_PROGRAMS)
+    if programs is not None:
+        names = tuple(programs)
     members = entries(sources, names)
     own = hashlib.sha256(Path(__file__).read_bytes()).hexdigest()
     wanted = "\n".join([own, *(entry.identity() for entry in members)])
