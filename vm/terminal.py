@@ -239,16 +239,19 @@ class Terminal:
     start      services to start at boot: "all", "none" or names with commas between
     programs   the programs that the image carries (all)
     options    more words for the kernel's command line
+    disk       a file that is the disk /dev/vda; whatever the terminal has had it written is there,
+               even if the terminal was killed
     Plugging, commands and queries may come from several threads at once."""
 
     def __init__(self, name: str = "terminal", start: str = "all",
                  programs: Iterable[str] | None = None, options: Iterable[str] = (),
-                 sources: image.Sources | None = None) -> None:
+                 sources: image.Sources | None = None, disk: Path | None = None) -> None:
         self.name = name
         self._start = start
         self._programs = None if programs is None else tuple(programs)
         self._options = tuple(options)
         self._sources = sources or image.Sources()
+        self._disk = disk
         self._stack = contextlib.ExitStack()
         self._ports_lock = threading.Lock()
         self._free_ports = set(XHCI_PORTS)
@@ -317,7 +320,11 @@ class Terminal:
         command_line = ["console=ttyAMA0", "quiet", "loglevel=5", "panic=-1", "oops=panic",
                         "security=selinux", "selinux=1", "cryptomgr.notests=1",
                         f"kus.start={self._start}",
+                        *(["kus.disk=1"] if self._disk else []),
                         *self._options]
+        disk = [] if self._disk is None else [
+            "-drive", f"file={self._disk},format=raw,if=none,id=disk",
+            "-device", "virtio-blk-device,drive=disk"]
         return [
             QEMU, "-nodefaults", "-no-user-config", "-display", "none", "-no-reboot",
             "-M", MACHINE, *BOARD, "-accel", "tcg,thread=multi", "-dtb", str(tree),
@@ -329,6 +336,7 @@ class Terminal:
             "-device", "virtio-serial-device",
             "-device", "virtserialport,chardev=channel,name=kus.channel",
             "-device", "qemu-xhci,id=xhci,p2=15,p3=15",
+            *disk,
         ]
 
     @property
