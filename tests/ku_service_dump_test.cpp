@@ -37,7 +37,6 @@ namespace {
 using android::base::unique_fd;
 using ::testing::AllOf;
 using ::testing::ElementsAre;
-using ::testing::ElementsAreArray;
 using ::testing::Ge;
 using ::testing::HasSubstr;
 using ::testing::IsEmpty;

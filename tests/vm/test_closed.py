@@ -15,7 +15,7 @@ from support import (DEFAULT_POLICY, NODE_SUBSYSTEMS, TIMEOUT, DaemonTestCase, V
 from vm.devices import (COMPOSITE, ETHERNET, FTDI_SERIAL, GADGET_KEYBOARD, GADGET_STORAGE, HUB,
                         KEYBOARD, MOUSE, NETWORK, PRINTER, SERIAL, STORAGE, VENDOR_HID, Device,
                         Gadget)
-from vm.terminal import HSUSB, SSUSB, Plugged
+from vm.terminal import HSUSB, SSUSB, Plugged, TerminalError
 
 NOT_WHITELISTED = refused("No matching rule found to Whitelist the device")
 BY_DEFAULT = allowed("Enabled by default rule")
@@ -351,7 +351,11 @@ class NewRootHubsTest(ClosedTestCase):
 
     def wait_until_back(self, plugged: Plugged) -> None:
         def back() -> bool:
-            self.terminal.locate(plugged)
+            try:
+                self.terminal.locate(plugged)
+            except TerminalError:
+                # Its controller is still off.
+                return False
             return plugged.state() is not None
         self.terminal.wait_until(back, TIMEOUT, f"{plugged} to be back")
 
