@@ -8,14 +8,19 @@
 #include <errno.h>
 #include <fcntl.h>
 #include <inttypes.h>
+#include <pthread.h>
 #include <stdio.h>
 #include <stdlib.h>
 #include <string.h>
+#include <sys/inotify.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
 #include <algorithm>
+#include <functional>
+#include <map>
 #include <memory>
+#include <mutex>
 #include <string>
 #include <vector>
 
@@ -44,10 +49,73 @@ int fail(int error) {
 }
 
 // Empty when there is no such property.
-std::string read(const char* name) {
+std::string readFile(const char* name) {
     std::string value;
     if (!isValidPropertyName(name) || !base::ReadFileToString(pathOf(name), &value)) return "";
     return value.substr(0, kMaxValueLength);
+}
+
+// What was read already, for as long as nothing changes: the platform's own readers look into
+// mapped memory, and whoever asks at each of its calls relies on that. The kernel queues an event
+// of a change before the call that makes it returns.
+class Values {
+  public:
+    std::string read(const char* name) {
+        const std::lock_guard<std::mutex> lock(mMutex);
+        if (!watch()) return readFile(name);
+        const auto known = mKnown.find(name);
+        if (known != mKnown.end()) return known->second;
+        return mKnown[name] = readFile(name);
+    }
+
+    // A child would take the events out of its parent's queue.
+    void beginFork() { mMutex.lock(); }
+    void endForkOfParent() { mMutex.unlock(); }
+    void endForkOfChild() {
+        mEvents.reset();
+        mWatching = false;
+        mMutex.unlock();
+    }
+
+  private:
+    // Forgets what may have changed; false without a directory.
+    bool watch() {
+        if (mWatching && !takeEvents()) return true;
+        if (mEvents == -1) mEvents.reset(inotify_init1(IN_NONBLOCK | IN_CLOEXEC));
+        mKnown.clear();
+        constexpr uint32_t kChanges = IN_MODIFY | IN_MOVE | IN_CREATE | IN_DELETE | IN_DELETE_SELF |
+                                      IN_MOVE_SELF | IN_ONLYDIR;
+        // The same directory as ever, or one that has taken its place.
+        mWatching = inotify_add_watch(mEvents, kPropertyDir, kChanges) != -1;
+        return mWatching;
+    }
+
+    // False when there were none.
+    bool takeEvents() {
+        alignas(inotify_event) char events[BUFSIZ];
+        bool any = false;
+        while (::read(mEvents, events, sizeof(events)) > 0) any = true;
+        return any;
+    }
+
+    std::mutex mMutex;
+    base::unique_fd mEvents;
+    bool mWatching = false;
+    std::map<std::string, std::string, std::less<>> mKnown;
+};
+
+// Never destroyed: exit() destroys while other threads still ask.
+Values& values() {
+    static Values* const all = [] {
+        pthread_atfork([] { values().beginFork(); }, [] { values().endForkOfParent(); },
+                       [] { values().endForkOfChild(); });
+        return new Values;
+    }();
+    return *all;
+}
+
+std::string read(const char* name) {
+    return name == nullptr ? "" : values().read(name);
 }
 
 int copyValue(const std::string& from, char* to) {

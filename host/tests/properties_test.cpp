@@ -7,6 +7,7 @@
 #include <errno.h>
 #include <signal.h>
 #include <stdint.h>
+#include <sys/inotify.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -16,6 +17,7 @@
 #include <utility>
 #include <vector>
 
+#include <android-base/unique_fd.h>
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
@@ -236,6 +238,58 @@ TEST_F(Properties, AChangeByAnotherProcessIsSeenAtTheNextCall) {
             RunInChild([] { _exit(property_set("kus.test", "1") == 0 ? 7 : 8); });
     ASSERT_EQ(7, other.status);
     EXPECT_EQ(1, property_get_int32("kus.test", -1));
+}
+
+TEST_F(Properties, EachOfManyQuickChangesIsSeenAtTheNextCall) {
+    for (int i = 0; i < 20000; ++i) {
+        ASSERT_EQ(0, property_set("kus.test", std::to_string(i).c_str()));
+        ASSERT_EQ(i, property_get_int32("kus.test", -1));
+    }
+}
+
+TEST_F(Properties, ARemovedPropertyIsGoneAtTheNextCallAndANewDirectoryIsRead) {
+    for (int i = 0; i < 200; ++i) {
+        ASSERT_EQ(0, property_set("kus.test", std::to_string(i).c_str()));
+        ASSERT_EQ(i, property_get_int32("kus.test", -1));
+        if (i % 2 == 0) {
+            Remove(pathOf("kus.test"));
+        } else {
+            Remove(kPropertyDir);
+        }
+        ASSERT_EQ(-1, property_get_int32("kus.test", -1));
+    }
+}
+
+TEST_F(Properties, IsReadOnceWhileNothingChanges) {
+    ASSERT_EQ(0, property_set("kus.test", "1"));
+    ASSERT_EQ(1, property_get_int32("kus.test", -1));
+    const base::unique_fd watcher(inotify_init1(IN_NONBLOCK | IN_CLOEXEC));
+    ASSERT_NE(-1, inotify_add_watch(watcher, pathOf("kus.test").c_str(), IN_OPEN));
+    char events[4096];
+
+    EXPECT_EQ(1, property_get_int32("kus.test", -1));
+    EXPECT_EQ(-1, read(watcher, events, sizeof(events))) << "the file was opened";
+    ASSERT_EQ(0, property_set("kus.other", ""));
+    EXPECT_EQ(1, property_get_int32("kus.test", -1));
+    EXPECT_LT(0, read(watcher, events, sizeof(events))) << "the file was not opened";
+}
+
+TEST_F(Properties, AChangeInPlaceIsSeenAtTheNextCall) {
+    ASSERT_EQ(0, property_set("kus.test", "1"));
+    ASSERT_EQ(1, property_get_int32("kus.test", -1));
+    WriteFile(pathOf("kus.test"), "2");
+    EXPECT_EQ(2, property_get_int32("kus.test", -1));
+}
+
+TEST_F(Properties, AChangeIsSeenByParentAndChildAlike) {
+    ASSERT_EQ(0, property_set("kus.test", "1"));
+    ASSERT_EQ(1, property_get_int32("kus.test", -1));
+    const ProcessResult child = RunInChild([] {
+        property_set("kus.test", "2");
+        _exit(property_get_int32("kus.test", -1));
+    });
+    EXPECT_EQ(2, child.status);
+    EXPECT_EQ(2, property_get_int32("kus.test", -1));
 }
 
 TEST_F(Properties, AReaderNeverSeesAPartOfAValue) {
