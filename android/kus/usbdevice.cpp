@@ -24,7 +24,9 @@
 
 #include <ctype.h>
 #include <dirent.h>
+#include <errno.h>
 #include <fcntl.h>
+#include <limits.h>
 #include <pthread.h>
 #include <stdio.h>
 #include <stdlib.h>
@@ -37,7 +39,9 @@
 #include <memory>
 #include <optional>
 #include <sstream>
+#include <string_view>
 #include <thread>
+#include <unordered_map>
 
 #include <android-base/logging.h>
 #include <android-base/unique_fd.h>
@@ -114,7 +118,11 @@ bool isDigit(char c) {
 
 // size is the room in dst, its terminator included. False when the text had to be cut.
 bool copyText(char* dst, size_t size, const char* text) {
-    return snprintf(dst, size, "%s", text) < static_cast<int>(size);
+    const size_t length = strlen(text);
+    const size_t kept = std::min(length, size - 1);
+    memcpy(dst, text, kept);
+    dst[kept] = '\0';
+    return kept == length;
 }
 
 void copyNameOrWarn(char* dst, const char* name) {
@@ -128,25 +136,107 @@ bool readNumber(const char* text, char** end, uint32_t* value) {
     return *end != text;
 }
 
-// Formats the path of a file of entry name into a buffer of kPathSize, cut to fit. Returns the
-// length of the whole path.
-int formatPath(char* path, const char* name, const char* file) {
-    return snprintf(path, kPathSize, "%s/%s/%s", kUsbDevicesPath, name, file);
+// Formats the path of a file of entry name into a buffer of kPathSize, cut to fit.
+void formatPath(char* path, const char* name, const char* file) {
+    (void)snprintf(path, kPathSize, "%s/%s/%s", kUsbDevicesPath, name, file);
 }
 
-bool wasFormatted(int length) {
-    return length > 0 && length < kPathSize;
+// Of the whole path, whether it fits or not.
+int pathLength(const char* name, const char* file) {
+    return static_cast<int>(strlen(kUsbDevicesPath) + 1 + strlen(name) + 1 + strlen(file));
 }
 
-// Puts the base name of the link below entry name into driver. Returns the length of the link's
-// path: it tells whether that path could be formatted (wasFormatted).
-int readDriver(const char* name, const char* link, char* driver) {
+bool fitsPath(int length) {
+    return length < kPathSize;
+}
+
+// An entry of the USB device directory while its files are read. With its directory open each of
+// them is one look-up away; by their paths, all would go from the root through a link and the dozen
+// directories of a real sysfs again.
+struct Entry {
+    const char* name;
+    unique_fd directory;  // or none, and the files are opened by their paths
+};
+
+Entry openEntry(const char* name) {
+    Entry entry = {name, unique_fd()};
+    // No real entry is longer; the rules for paths that do not fit are those of whole paths.
+    if (strlen(name) > NAME_MAX) return entry;
     char path[kPathSize];
-    const int length = formatPath(path, name, link);
-    if (!wasFormatted(length)) return length;
+    formatPath(path, name, "");
+    entry.directory.reset(open(path, O_PATH | O_CLOEXEC));
+    return entry;
+}
+
+unique_fd openFile(Entry& entry, const char* attribute) {
+    constexpr int kFlags = O_RDONLY | O_CLOEXEC;
+    if (entry.directory != -1) {
+        unique_fd fd(openat(entry.directory, attribute, kFlags));
+        if (fd != -1 || errno != EMFILE) return fd;
+        // The directory has the last descriptor that was free.
+        entry.directory.reset();
+    }
+    char path[kPathSize];
+    formatPath(path, entry.name, attribute);
+    return unique_fd(open(path, kFlags));
+}
+
+ssize_t readLink(const Entry& entry, const char* link, char* target, size_t size) {
+    if (entry.directory != -1) return readlinkat(entry.directory, link, target, size);
+    char path[kPathSize];
+    formatPath(path, entry.name, link);
+    return readlink(path, target, size);
+}
+
+// perror() with the path that failed.
+void printError(const Entry& entry, const char* attribute) {
+    const int error = errno;
+    char path[kPathSize];
+    formatPath(path, entry.name, attribute);
+    errno = error;
+    perror(path);
+}
+
+uint32_t readInt(Entry& entry, const char* attribute, int base) {
+    unique_fd fd = openFile(entry, attribute);
+    if (fd == -1) {
+        printError(entry, attribute);
+        return 0;
+    }
+    char text[kNumberLength + 1] = {};
+    const ssize_t count = read(fd, text, kNumberLength);
+    // Closing keeps errno.
+    fd.reset();
+    if (count < 0) {
+        printError(entry, attribute);
+        return 0;
+    }
+    return static_cast<uint32_t>(strtoul(text, nullptr, base));
+}
+
+void readString(Entry& entry, const char* attribute, char* buf, int size) {
+    buf[0] = '\0';
+    if (!fitsPath(pathLength(entry.name, attribute))) return;
+    const unique_fd fd = openFile(entry, attribute);
+    if (fd == -1) return;
+    ssize_t count = read(fd, buf, size);
+    if (count < 1 || count >= size) {
+        buf[0] = '\0';
+        return;
+    }
+    buf[count] = '\0';
+    while (count > 0 && buf[count - 1] == '\n') buf[--count] = '\0';
+    std::replace(buf, buf + count, '\n', ' ');
+}
+
+// Puts the base name of the link below the entry into driver. Returns the length of the link's
+// path: it tells whether that path fits.
+int readDriver(const Entry& entry, const char* link, char* driver) {
+    const int length = pathLength(entry.name, link);
+    if (!fitsPath(length)) return length;
 
     char target[kPathSize];
-    const ssize_t count = readlink(path, target, sizeof(target));
+    const ssize_t count = readLink(entry, link, target, sizeof(target));
     if (count < 0) return length;
     target[count > kPathSize - 2 ? 0 : count] = '\0';
     const char* slash = strrchr(target, '/');
@@ -172,6 +262,34 @@ usbinterface* interfaceAt(listnode* node) {
     return node_to_item(node, usbinterface, list);
 }
 
+template <typename Node>
+using Index = std::unordered_map<std::string_view, std::vector<Node*>>;
+
+// The records of the lists by name, each name's in list order; they say what hangs where. Never
+// destroyed: exit() destroys while other threads still scan.
+Index<usbdevice>& devicesByName GUARDED_BY(UsbDevice::mapLock) = *new Index<usbdevice>;
+// By the name's text before its ':'.
+Index<usbinterface>& interfacesByDevice GUARDED_BY(UsbDevice::mapLock) = *new Index<usbinterface>;
+
+// The text before the first ':' of an interface name; false when there is no ':'.
+bool devicePartOf(const usbinterface& interface, std::string_view* part) {
+    const char* colon = strchr(interface.name, ':');
+    if (colon == nullptr) return false;
+    *part = std::string_view(interface.name, colon - interface.name);
+    return true;
+}
+
+void appendToList(usbdevice* device) REQUIRES(UsbDevice::mapLock) {
+    list_add_tail(&UsbDevice::device_list, &device->list);
+    devicesByName[device->name].push_back(device);
+}
+
+void appendToList(usbinterface* interface) REQUIRES(UsbDevice::mapLock) {
+    list_add_tail(&UsbDevice::interface_list, &interface->list);
+    std::string_view device;
+    if (devicePartOf(*interface, &device)) interfacesByDevice[device].push_back(interface);
+}
+
 // Appends at the end of the chain unless it is in it already: two buses of one number, say, must
 // not close a chain to a ring.
 template <typename Node>
@@ -192,6 +310,21 @@ void freeNodes(listnode* list, Convert convert) {
     }
 }
 
+// The first device of the right name, bus and port; null without one.
+usbdevice* hubOf(const usbdevice& device) REQUIRES(UsbDevice::mapLock) {
+    const char* dot = strrchr(device.name, '.');
+    if (dot == nullptr) return nullptr;
+    const auto named = devicesByName.find(std::string_view(device.name, dot - device.name));
+    if (named == devicesByName.end()) return nullptr;
+    for (usbdevice* hub : named->second) {
+        if (hub != &device && hub->busnum == device.busnum &&
+            hub->portnum == device.parent_portnum) {
+            return hub;
+        }
+    }
+    return nullptr;
+}
+
 void assign_dev_to_bus(usbdevice* device) REQUIRES(UsbDevice::mapLock) {
     for (usbbusnode* bus = UsbDevice::bus_list; bus != nullptr; bus = bus->next) {
         if (bus->busnum == device->busnum) appendToChain(&bus->first_child, device);
@@ -208,15 +341,26 @@ void linkDevice(usbdevice* device) REQUIRES(UsbDevice::mapLock) {
     assign_dev_to_bus(device);
 }
 
+void linkInterface(usbdevice* device, usbinterface* interface) REQUIRES(UsbDevice::mapLock) {
+    if (interface->parent != nullptr) return;
+    KUS_TRACE << "calling assign_interface_to_parent usbdevice:" << device->name
+              << "and usbinterface:" << interface->name;
+    UsbDevice::assign_interface_to_parent(device, interface);
+}
+
+// Behind the first device those of its own name are left: the others can only go to their bus, and
+// there the first one has put them.
 void linkInterfaces(usbdevice* device) REQUIRES(UsbDevice::mapLock) {
-    listnode* node;
-    list_for_each(node, &UsbDevice::interface_list) {
-        usbinterface* interface = interfaceAt(node);
-        if (interface->parent != nullptr) continue;
-        KUS_TRACE << "calling assign_interface_to_parent usbdevice:" << device->name
-                  << "and usbinterface:" << interface->name;
-        UsbDevice::assign_interface_to_parent(device, interface);
+    const bool isFirst = list_head(&UsbDevice::device_list) == &device->list;
+    // The trace tells of every pair.
+    if (isFirst || UsbDevice::trace) {
+        listnode* node;
+        list_for_each(node, &UsbDevice::interface_list) linkInterface(device, interfaceAt(node));
+        return;
     }
+    const auto own = interfacesByDevice.find(device->name);
+    if (own == interfacesByDevice.end()) return;
+    for (usbinterface* interface : own->second) linkInterface(device, interface);
 }
 
 DeviceIdEntry makeEntry(const usbinterface& interface, const usbdevice& device) {
@@ -252,15 +396,6 @@ void addToMap(usbinterface* interface) REQUIRES(UsbDevice::mapLock) {
     KUS_TRACE << "creating object and populating category_path" << interface->category_path
               << " and category:" << interface->category << " interface path:" << interface->name;
     UsbDevice::DeviceIdMap.emplace(id, makeEntry(*interface, device));
-}
-
-// The text before the first ':' of an interface name; false when there is no ':'.
-bool devicePartOf(const usbinterface& interface, std::string* part, const char** behindColon) {
-    const char* colon = strchr(interface.name, ':');
-    if (colon == nullptr) return false;
-    part->assign(interface.name, colon);
-    *behindColon = colon + 1;
-    return true;
 }
 
 // Appends to a text in a buffer of kCategoryPathSize; what does not fit is cut.
@@ -525,17 +660,18 @@ void UsbDevice::add_usb_bus(const char* name) {
     if (bus == nullptr) return;
     bus->busnum = static_cast<uint32_t>(strtoul(name + 3, nullptr, 10));
     copyNameOrWarn(bus->name, name);
-    bus->devnum = read_sysfs_file_int(name, "devnum", 10);
-    bus->bDeviceClass = read_sysfs_file_int(name, "bDeviceClass", 16);
-    bus->idProduct = read_sysfs_file_int(name, "idProduct", 16);
-    bus->idVendor = read_sysfs_file_int(name, "idVendor", 16);
-    bus->maxchild = read_sysfs_file_int(name, "maxchild", 10);
+    Entry entry = openEntry(name);
+    bus->devnum = readInt(entry, "devnum", 10);
+    bus->bDeviceClass = readInt(entry, "bDeviceClass", 16);
+    bus->idProduct = readInt(entry, "idProduct", 16);
+    bus->idVendor = readInt(entry, "idVendor", 16);
+    bus->maxchild = readInt(entry, "maxchild", 10);
     // Read with the limit of the other texts, kept as far as the bus has room.
     char speed[kTextSize];
-    read_sysfs_file_string(name, "speed", speed, sizeof(speed));
+    readString(entry, "speed", speed, sizeof(speed));
     copyText(bus->speed, sizeof(bus->speed), speed);
-    bus->rx_lanes = read_sysfs_file_int(name, "rx_lanes", 10);
-    bus->tx_lanes = read_sysfs_file_int(name, "tx_lanes", 10);
+    bus->rx_lanes = readInt(entry, "rx_lanes", 10);
+    bus->tx_lanes = readInt(entry, "tx_lanes", 10);
 
     KUS_TRACE << "calling append_busnode " << name;
     appendToChain(&bus_list, bus);
@@ -544,8 +680,8 @@ void UsbDevice::add_usb_bus(const char* name) {
 
 void UsbDevice::get_roothub_driver(usbbusnode* bus, const char* name) {
     // The parent of a root hub is its controller.
-    const int length = readDriver(name, "../driver", bus->driver);
-    if (!wasFormatted(length)) {
+    const int length = readDriver({name, unique_fd()}, "../driver", bus->driver);
+    if (!fitsPath(length)) {
         LOG(ERROR) << "Cannot read driver link for " << name << ": " << name << length;
     }
 }
@@ -564,37 +700,38 @@ void UsbDevice::add_usb_device(const char* name) {
         device->portnum = port;
     }
 
+    Entry entry = openEntry(name);
     // Only for a name that had to be cut: meant.
     if (!copyText(device->name, sizeof(device->name), name)) {
-        device->bConfigurationValue = read_sysfs_file_int(name, "bConfigurationValue", 10);
+        device->bConfigurationValue = readInt(entry, "bConfigurationValue", 10);
     }
-    device->bDeviceClass = read_sysfs_file_int(name, "bDeviceClass", 16);
-    device->bDeviceProtocol = read_sysfs_file_int(name, "bDeviceProtocol", 16);
-    device->bDeviceSubClass = read_sysfs_file_int(name, "bDeviceSubClass", 16);
-    device->bMaxPacketSize0 = read_sysfs_file_int(name, "bMaxPacketSize0", 16);
-    read_sysfs_file_string(name, "bMaxPower", device->bMaxPower, kTextSize);
-    device->bNumConfigurations = read_sysfs_file_int(name, "bNumConfigurations", 10);
-    device->bNumInterfaces = read_sysfs_file_int(name, "bNumInterfaces", 16);
-    device->bcdDevice = read_sysfs_file_int(name, "bcdDevice", 16);
-    device->bmAttributes = read_sysfs_file_int(name, "bmAttributes", 16);
-    device->configuration = read_sysfs_file_int(name, "configuration", 10);
-    device->devnum = read_sysfs_file_int(name, "devnum", 10);
-    device->idProduct = read_sysfs_file_int(name, "idProduct", 16);
-    device->idVendor = read_sysfs_file_int(name, "idVendor", 16);
-    device->maxchild = read_sysfs_file_int(name, "maxchild", 10);
-    read_sysfs_file_string(name, "manufacturer", device->manufacturer, kTextSize);
-    read_sysfs_file_string(name, "product", device->product, kTextSize);
-    read_sysfs_file_string(name, "serial", device->serial, kTextSize);
-    read_sysfs_file_string(name, "version", device->version, kTextSize);
-    read_sysfs_file_string(name, "speed", device->speed, kTextSize);
-    device->rx_lanes = read_sysfs_file_int(name, "rx_lanes", 10);
-    device->tx_lanes = read_sysfs_file_int(name, "tx_lanes", 10);
+    device->bDeviceClass = readInt(entry, "bDeviceClass", 16);
+    device->bDeviceProtocol = readInt(entry, "bDeviceProtocol", 16);
+    device->bDeviceSubClass = readInt(entry, "bDeviceSubClass", 16);
+    device->bMaxPacketSize0 = readInt(entry, "bMaxPacketSize0", 16);
+    readString(entry, "bMaxPower", device->bMaxPower, kTextSize);
+    device->bNumConfigurations = readInt(entry, "bNumConfigurations", 10);
+    device->bNumInterfaces = readInt(entry, "bNumInterfaces", 16);
+    device->bcdDevice = readInt(entry, "bcdDevice", 16);
+    device->bmAttributes = readInt(entry, "bmAttributes", 16);
+    device->configuration = readInt(entry, "configuration", 10);
+    device->devnum = readInt(entry, "devnum", 10);
+    device->idProduct = readInt(entry, "idProduct", 16);
+    device->idVendor = readInt(entry, "idVendor", 16);
+    device->maxchild = readInt(entry, "maxchild", 10);
+    readString(entry, "manufacturer", device->manufacturer, kTextSize);
+    readString(entry, "product", device->product, kTextSize);
+    readString(entry, "serial", device->serial, kTextSize);
+    readString(entry, "version", device->version, kTextSize);
+    readString(entry, "speed", device->speed, kTextSize);
+    device->rx_lanes = readInt(entry, "rx_lanes", 10);
+    device->tx_lanes = readInt(entry, "tx_lanes", 10);
 
-    const int length = readDriver(name, "driver", device->driver);
-    if (!wasFormatted(length)) {
+    const int length = readDriver(entry, "driver", device->driver);
+    if (!fitsPath(length)) {
         LOG(ERROR) << "Can not read driver link for " << name << ": " << name << length;
     }
-    list_add_tail(&device_list, &device->list);
+    appendToList(device);
 }
 
 void UsbDevice::add_usb_interface(const char* name) {
@@ -612,18 +749,19 @@ void UsbDevice::add_usb_interface(const char* name) {
     interface->ifnum = ifnum;
 
     copyNameOrWarn(interface->name, name);
-    interface->bAlternateSetting = read_sysfs_file_int(name, "bAlternateSetting", 10);
-    interface->bInterfaceClass = read_sysfs_file_int(name, "bInterfaceClass", 16);
-    interface->bInterfaceNumber = read_sysfs_file_int(name, "bInterfaceNumber", 16);
-    interface->bInterfaceProtocol = read_sysfs_file_int(name, "bInterfaceProtocol", 16);
-    interface->bInterfaceSubClass = read_sysfs_file_int(name, "bInterfaceSubClass", 16);
-    interface->bNumEndpoints = read_sysfs_file_int(name, "bNumEndpoints", 16);
+    Entry entry = openEntry(name);
+    interface->bAlternateSetting = readInt(entry, "bAlternateSetting", 10);
+    interface->bInterfaceClass = readInt(entry, "bInterfaceClass", 16);
+    interface->bInterfaceNumber = readInt(entry, "bInterfaceNumber", 16);
+    interface->bInterfaceProtocol = readInt(entry, "bInterfaceProtocol", 16);
+    interface->bInterfaceSubClass = readInt(entry, "bInterfaceSubClass", 16);
+    interface->bNumEndpoints = readInt(entry, "bNumEndpoints", 16);
 
-    const int length = readDriver(name, "driver", interface->driver);
-    if (!wasFormatted(length)) {
+    const int length = readDriver(entry, "driver", interface->driver);
+    if (!fitsPath(length)) {
         KUS_TRACE << "Can not read driver link for d_name:" << name << "for: " << length;
     }
-    list_add_tail(&interface_list, &interface->list);
+    appendToList(interface);
 }
 
 void UsbDevice::connect_devices() {
@@ -636,31 +774,18 @@ void UsbDevice::connect_devices() {
 }
 
 void UsbDevice::assign_dev_to_parent(usbdevice* device) {
-    const char* dot = strrchr(device->name, '.');
-    if (dot == nullptr) return;
-    const std::string hubName(device->name, dot - device->name);
-
-    listnode* node;
-    list_for_each(node, &device_list) {
-        usbdevice* hub = deviceAt(node);
-        if (hub == device || hub->busnum != device->busnum ||
-            hub->portnum != device->parent_portnum || hubName != hub->name) {
-            continue;
-        }
-        device->parent = hub;
-        if (hub->first_child != nullptr) {
-            KUS_TRACE << "calling assign_dev_to_parent usbdevice  append_dev_sibling pd:"
-                      << hub->name;
-        }
-        appendToChain(&hub->first_child, device);
-        return;
+    usbdevice* hub = hubOf(*device);
+    if (hub == nullptr) return;
+    device->parent = hub;
+    if (hub->first_child != nullptr) {
+        KUS_TRACE << "calling assign_dev_to_parent usbdevice  append_dev_sibling pd:" << hub->name;
     }
+    appendToChain(&hub->first_child, device);
 }
 
 void UsbDevice::assign_interface_to_parent(usbdevice* device, usbinterface* interface) {
-    std::string devicePart;
-    const char* behindColon = nullptr;
-    if (!devicePartOf(*interface, &devicePart, &behindColon)) return;
+    std::string_view devicePart;
+    if (!devicePartOf(*interface, &devicePart)) return;
     if (devicePart == device->name) {
         interface->parent = device;
         appendToChain(&device->first_interface, interface);
@@ -669,9 +794,9 @@ void UsbDevice::assign_interface_to_parent(usbdevice* device, usbinterface* inte
 
     char* end = nullptr;
     uint32_t busnum = 0;
-    if (!readNumber(devicePart.c_str(), &end, &busnum)) return;
+    if (!readNumber(interface->name, &end, &busnum)) return;
     // A root hub's own interface is B-0:C.I, and this looks at C: it stays unattached, as meant.
-    if (*behindColon != '0') return;
+    if (interface->name[devicePart.size() + 1] != '0') return;
     KUS_TRACE << " append_businterface usbdevice:" << device->name
               << " for the interface:" << interface->name << " and busnum:" << busnum;
     for (usbbusnode* bus = bus_list; bus != nullptr; bus = bus->next) {
@@ -683,6 +808,8 @@ void UsbDevice::assign_interface_to_parent(usbdevice* device, usbinterface* inte
 
 void UsbDevice::delete_all_nodes() {
     LOG(INFO) << "deleting the list using deleteAllnode";
+    devicesByName.clear();
+    interfacesByDevice.clear();
     freeNodes<usbdevice>(&device_list, deviceAt);
     freeNodes<usbinterface>(&interface_list, interfaceAt);
 }
@@ -838,6 +965,7 @@ void UsbDevice::update_deviceid_map(int deviceId, bool keep) {
 
 void UsbDevice::print_deviceid_map(int fd) {
     LOG(INFO) << "print_deviceid_map ";
+    if (fd == -1 && !WOULD_LOG(INFO)) return;
     if (fd != -1)
         dprintf(fd, "\n\nDeviceIdMap size%s\n", std::to_string(DeviceIdMap.size()).c_str());
     for (const auto& [id, entry] : DeviceIdMap) {
@@ -962,40 +1090,14 @@ int32_t UsbDevice::write_sysfs_val(const char* path, const char* value, unsigned
 }
 
 uint32_t UsbDevice::read_sysfs_file_int(const char* name, const char* attribute, int base) {
-    char path[kPathSize] = {};
-    formatPath(path, name, attribute);
-    unique_fd fd(open(path, O_RDONLY | O_CLOEXEC));
-    if (fd == -1) {
-        perror(path);
-        return 0;
-    }
-    char text[kNumberLength + 1] = {};
-    const ssize_t count = read(fd, text, kNumberLength);
-    // Closing keeps errno.
-    fd.reset();
-    if (count < 0) {
-        perror(path);
-        return 0;
-    }
-    return static_cast<uint32_t>(strtoul(text, nullptr, base));
+    Entry entry = {name, unique_fd()};
+    return readInt(entry, attribute, base);
 }
 
 void UsbDevice::read_sysfs_file_string(const char* name, const char* attribute, char* buf,
                                        int size) {
-    buf[0] = '\0';
-    char path[kPathSize] = {};
-    const int length = formatPath(path, name, attribute);
-    if (length >= kPathSize) return;
-    const unique_fd fd(open(path, O_RDONLY | O_CLOEXEC));
-    if (fd == -1) return;
-    ssize_t count = read(fd, buf, size);
-    if (count < 1 || count >= size) {
-        buf[0] = '\0';
-        return;
-    }
-    buf[count] = '\0';
-    while (count > 0 && buf[count - 1] == '\n') buf[--count] = '\0';
-    std::replace(buf, buf + count, '\n', ' ');
+    Entry entry = {name, unique_fd()};
+    readString(entry, attribute, buf, size);
 }
 
 // NOLINTNEXTLINE(performance-unnecessary-value-param): by value is part of its interface.
