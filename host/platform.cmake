@@ -86,6 +86,11 @@ if(KUS_PORT_ITSELF)
     return()
 endif()
 
+# Debian's C library does not know the platform's option to give free memory back.
+add_library(kus_malloc STATIC ${KUS_HOST_DIR}/malloc/mallopt.cpp)
+target_link_libraries(kus_malloc PRIVATE kus_platform_headers)
+target_link_libraries(libbase INTERFACE kus_malloc)
+
 # Debian's libcutils has no properties; the port's own library stands in for that part of it.
 add_library(kus_properties STATIC IMPORTED GLOBAL)
 set_target_properties(kus_properties PROPERTIES

@@ -7,6 +7,8 @@
 
 #pragma once
 
+#include <malloc.h>
+
 #include <cstring>
 #include <functional>
 #include <limits>
@@ -15,3 +17,6 @@
 #include <mutex>
 #include <string>
 #include <vector>
+
+// An option of the platform's mallopt(); host/malloc knows it.
+#define M_PURGE (-101)

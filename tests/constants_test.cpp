@@ -94,9 +94,9 @@ TEST(FixedPaths, StatusFilePathIsAPointerToConstantText) {
 
 TEST(RuleVariables, HaveTheirTypes) {
     EXPECT_TRUE((std::is_same_v<std::string, decltype(configMode)>));
-    EXPECT_TRUE((std::is_same_v<std::vector<int32_t>, decltype(configClassList)>));
+    EXPECT_TRUE((std::is_same_v<ClassRules, decltype(configClassList)>));
     EXPECT_TRUE((std::is_same_v<std::map<int32_t, std::string>, decltype(configClassMap)>));
-    EXPECT_TRUE((std::is_same_v<std::multimap<int32_t, int32_t>, decltype(vidPidMap)>));
+    EXPECT_TRUE((std::is_same_v<VendorRules, decltype(vidPidMap)>));
     EXPECT_TRUE((std::is_same_v<std::string, decltype(errorMessage)>));
     EXPECT_TRUE((std::is_same_v<bool, decltype(xml_parse_status)>));
 }
@@ -139,8 +139,8 @@ TEST(RuleVariables, AreTheOnesThatTheLookupsRead) {
     EXPECT_TRUE(Util::validateVid(1133));
 
     configMode = "default";
-    configClassList.clear();
-    vidPidMap.clear();
+    configClassList = {};
+    vidPidMap = {};
 }
 
 // --- Device maps -------------------------------------------------------------------------------

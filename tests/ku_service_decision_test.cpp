@@ -4,7 +4,6 @@
 #include <stddef.h>
 #include <stdint.h>
 
-#include <map>
 #include <ostream>
 #include <string>
 #include <utility>
@@ -544,7 +543,7 @@ using ClassTest = DecisionTest;
 TEST_F(ClassTest, NeedsARuleForEveryClassThatIsNotRestricted) {
     struct Case {
         std::vector<int32_t> classes;
-        std::vector<int32_t> rules;
+        ClassRules rules;
         std::string reason;
     };
     const std::string match = "yes: Whitelisted: Match by ClassName, CLASS : ";
@@ -631,7 +630,7 @@ TEST_F(ClassTest, TakesTheDeviceClassOfAVendorHidWithoutInterfacesForASource) {
 TEST_F(ClassTest, NeedsARuleForEverySourceOfAnInputDevice) {
     struct Case {
         int32_t source;
-        std::vector<int32_t> rules;
+        ClassRules rules;
         std::string reason;
     };
     const std::string match = "yes: Whitelisted: Match by ClassName, CLASS : ";
@@ -683,7 +682,7 @@ using VendorTest = DecisionTest;
 
 TEST_F(VendorTest, DecidesWhereTheClassTestDoesNot) {
     struct Case {
-        std::multimap<int32_t, int32_t> rules;
+        std::vector<VendorRule> rules;
         std::string reason;
     };
     const std::string none = "no: " + std::string(kNotWhitelisted);
@@ -710,7 +709,7 @@ TEST_F(VendorTest, DecidesWhereTheClassTestDoesNot) {
     configClassList = {8};
     for (const Case& c : cases) {
         SCOPED_TRACE(::testing::PrintToString(c.rules));
-        vidPidMap = c.rules;
+        vidPidMap = VendorRules(c.rules);
         EXPECT_EQ(c.reason, ReasonOf(makeUsb({8, 7})));
         EXPECT_EQ(c.reason, ReasonOf(makeUsb({255})));
         EXPECT_EQ(c.reason, ReasonOf(makeInput(kKeyboardSource)));

@@ -593,7 +593,7 @@ TEST_F(GoodFile, IsReportedBackedUpAndApplied) {
 TEST_F(GoodFile, PutsItsRulesInForce) {
     TakeGood(kBlacklistConfig);
     EXPECT_EQ("blacklist", configMode);
-    EXPECT_EQ(1U, vidPidMap.count(7));
+    EXPECT_EQ((VendorRules{{7, -1}}), vidPidMap);
     EXPECT_TRUE(xml_parse_status);
 }
 
@@ -693,7 +693,7 @@ TEST_F(BadFile, IsReplacedByTheBackupWhichIsOnlyParsed) {
     EXPECT_EQ("host\n", ReadFile(kModeFile));
     EXPECT_EQ("SUCCESS", errorMessage);
     EXPECT_EQ("blacklist", configMode);
-    EXPECT_EQ(1U, vidPidMap.count(7));
+    EXPECT_EQ((VendorRules{{7, -1}}), vidPidMap);
     EXPECT_TRUE(xml_parse_status);
 }
 

@@ -49,9 +49,9 @@ class UtilTest : public ::testing::Test {
         Remove("/data/system/usbdeviceconfig");
         MakeDir("/data/system/usbdeviceconfig");
         configMode = "default";
-        configClassList.clear();
+        configClassList = {};
         configClassMap.clear();
-        vidPidMap.clear();
+        vidPidMap = {};
         errorMessage = "SUCCESS";
         xml_parse_status = false;
     }
@@ -1031,9 +1031,7 @@ TEST_F(Lookup, ReachesNoVendorRulesOfSmallerVendors) {
 }
 
 TEST_F(Lookup, FindsAVendorWithAndWithoutProducts) {
-    vidPidMap.emplace(100, 5);
-    vidPidMap.emplace(100, -1);
-    vidPidMap.emplace(100, -1);
+    vidPidMap = {{100, 5}, {100, -1}, {100, -1}};
 
     EXPECT_TRUE(Util::validateVid(100));
     EXPECT_THAT(log_.Lines(), ElementsAre(vidLog("100")));
@@ -1121,7 +1119,10 @@ TEST_F(Lookup, SplitsASourceIntoItsKnownCodes) {
     for (const SourceSplit& split : splits) {
         SCOPED_TRACE(split.bits);
 
-        EXPECT_THAT(Util::checkMultiClass(split.bits), ElementsAreArray(split.codes));
+        const SourceList sources = Util::checkMultiClass(split.bits);
+        EXPECT_EQ(split.codes, std::vector<int>(sources.begin(), sources.end()));
+        EXPECT_EQ(split.codes.size(), sources.size());
+        EXPECT_EQ(split.codes.empty(), sources.empty());
 
         // The message ends with a newline of its own, which the logger gets as an empty line.
         EXPECT_THAT(log_.Take(),

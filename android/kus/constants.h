@@ -16,9 +16,13 @@
 
 #include <stdint.h>
 
+#include <algorithm>
+#include <initializer_list>
 #include <map>
 #include <memory>
+#include <optional>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include <android/kus/DeviceInfo.h>
@@ -101,16 +105,118 @@ inline const std::vector<int32_t> restrictedClasses = {0, 3, 9, 239, 254, 255};
 /** The product id of a vendor rule that names no product. */
 inline constexpr int32_t ANY_PRODUCT_ID = -1;
 
+/** Class and input-source codes in file order, repeats kept. A question allocates nothing. */
+class ClassRules {
+  public:
+    using value_type = int32_t;
+    using const_iterator = std::vector<int32_t>::const_iterator;
+
+    ClassRules() = default;
+    ClassRules(std::initializer_list<int32_t> codes) {
+        for (const int32_t code : codes) push_back(code);
+    }
+
+    void push_back(int32_t code) {
+        codes_.push_back(code);
+        const auto place = std::lower_bound(distinct_.begin(), distinct_.end(), code);
+        if (place == distinct_.end() || *place != code) distinct_.insert(place, code);
+    }
+
+    /** Costs the same however often a file repeats its codes. */
+    bool contains(int32_t code) const {
+        return std::binary_search(distinct_.begin(), distinct_.end(), code);
+    }
+
+    const_iterator begin() const { return codes_.begin(); }
+    const_iterator end() const { return codes_.end(); }
+    size_t size() const { return codes_.size(); }
+    bool empty() const { return codes_.empty(); }
+    bool operator==(const ClassRules& other) const { return codes_ == other.codes_; }
+
+  private:
+    std::vector<int32_t> codes_;
+    std::vector<int32_t> distinct_;  // ascending
+};
+
+/** Vendor id, and product id or ANY_PRODUCT_ID. */
+using VendorRule = std::pair<int32_t, int32_t>;
+
+/**
+ * The vendor rules of one file: an ordered multimap in two blocks of memory, which is filled once.
+ *
+ * Ordered by vendor id, those of one vendor in file order, repeats kept. A question costs the
+ * logarithm of their number and allocates nothing.
+ */
+class VendorRules {
+  public:
+    using value_type = VendorRule;
+    using const_iterator = std::vector<VendorRule>::const_iterator;
+
+    VendorRules() = default;
+    VendorRules(std::initializer_list<VendorRule> rules)
+        : VendorRules(std::vector<VendorRule>(rules)) {}
+    /** From rules in file order. */
+    explicit VendorRules(const std::vector<VendorRule>& rules);
+
+    bool contains(const VendorRule& rule) const {
+        return std::binary_search(pairs_.begin(), pairs_.end(), keyOf(rule.first, rule.second));
+    }
+
+    bool hasVendor(int32_t vendorId) const {
+        const auto own = std::lower_bound(pairs_.begin(), pairs_.end(), keyOf(vendorId, INT32_MIN));
+        return own != pairs_.end() && *own <= keyOf(vendorId, INT32_MAX);
+    }
+
+    /** Is there a rule without products of this vendor id or a larger one? */
+    bool hasVendorOnlyFrom(int32_t vendorId) const {
+        return lastVendorOnly_ && *lastVendorOnly_ >= vendorId;
+    }
+
+    const_iterator begin() const { return rules_.begin(); }
+    const_iterator end() const { return rules_.end(); }
+    size_t size() const { return rules_.size(); }
+    bool empty() const { return rules_.empty(); }
+    bool operator==(const VendorRules& other) const { return rules_ == other.rules_; }
+
+  private:
+    // Two ids in one number that sorts as they do.
+    static uint64_t keyOf(int32_t high, int32_t low) {
+        const auto shifted = [](int32_t id) { return static_cast<uint32_t>(id) ^ 0x80000000; };
+        return uint64_t{shifted(high)} << 32 | shifted(low);
+    }
+
+    std::vector<VendorRule> rules_;
+    std::vector<uint64_t> pairs_;  // the rules' keys, ascending
+    std::optional<int32_t> lastVendorOnly_;
+};
+
+inline VendorRules::VendorRules(const std::vector<VendorRule>& rules) {
+    // Numbers sort in half the time of records: first with the place in the file below the vendor,
+    // which keeps the order of equal vendors.
+    pairs_.reserve(rules.size());
+    for (const VendorRule& rule : rules) {
+        pairs_.push_back(keyOf(rule.first, static_cast<int32_t>(pairs_.size())));
+    }
+    std::sort(pairs_.begin(), pairs_.end());
+
+    rules_.reserve(rules.size());
+    for (uint64_t& key : pairs_) {
+        const auto& [vendor, product] = rules[static_cast<uint32_t>(key) ^ 0x80000000];
+        rules_.emplace_back(vendor, product);
+        key = keyOf(vendor, product);
+        if (product == ANY_PRODUCT_ID) lastVendorOnly_ = vendor;
+    }
+    std::sort(pairs_.begin(), pairs_.end());
+}
+
 /** Held while the rules are asked or replaced, so that all answers are of one file. */
 inline Mutex rulesLock;
 /** The last "mode" attribute read, valid or not; "default" before the first. */
 inline std::string configMode GUARDED_BY(rulesLock) = "default";
-/** Class and input-source codes in file order, repeats kept. */
-inline std::vector<int32_t> configClassList GUARDED_BY(rulesLock);
+inline ClassRules configClassList GUARDED_BY(rulesLock);
 /** Code to the text that named it first. */
 inline std::map<int32_t, std::string> configClassMap GUARDED_BY(rulesLock);
-/** Vendor id to product id or ANY_PRODUCT_ID; equal keys in file order, repeats kept. */
-inline std::multimap<int32_t, int32_t> vidPidMap GUARDED_BY(rulesLock);
+inline VendorRules vidPidMap GUARDED_BY(rulesLock);
 /**
  * The text of the last rule that failed. The parser itself never clears it; the observer sets
  * "SUCCESS" after a good parse.

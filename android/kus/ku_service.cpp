@@ -32,6 +32,7 @@
 #include "android/kus/ku_service.h"
 
 #include <errno.h>
+#include <malloc.h>
 #include <pthread.h>
 #include <stdio.h>
 #include <string.h>
@@ -71,6 +72,7 @@ constexpr char kTestArgument[] = "test";
 constexpr char kNone[] = "<none>";
 constexpr char kModeDefault[] = "default";
 constexpr char kModeBlacklist[] = "blacklist";
+constexpr char kMatchByClass[] = "Match by ClassName, CLASS : ";
 constexpr int32_t kUsbDeviceType = 0;
 constexpr int32_t kClassHid = 3;
 
@@ -88,7 +90,7 @@ std::atomic<bool> observerStopped = false;
 
 // What the rules say of a device, before the mode makes a verdict of it.
 struct Match {
-    bool matched;
+    bool matched = false;
     std::string reason;
 };
 
@@ -128,43 +130,41 @@ bool passesHidScreening(const DeviceInfo& info) REQUIRES(UsbDevice::mapLock) {
 }
 
 // Every interface class that is not restricted must have a rule, and there must be one such class.
-Match matchInterfaceClasses(const std::vector<int32_t>& classes, std::string reason)
-        REQUIRES(rulesLock) {
-    bool matched = false;
+Match matchInterfaceClasses(const std::vector<int32_t>& classes) REQUIRES(rulesLock) {
+    Match match = {false, kMatchByClass};
     for (const int32_t code : classes) {
         LOG(INFO) << code << "\n";
         if (Util::validateRestrictedClass(code)) continue;
         if (!Util::validateClass(code)) {
             LOG(INFO) << "interface class check false breaking";
-            return {false, reason};
+            return {};
         }
-        matched = true;
-        const std::string name = Util::getClassName(code);
+        match.matched = true;
+        const std::string& name = Util::getClassName(code);
         // A code without a name is one blank, which the text holds already: meant.
-        if (reason.find(name) == std::string::npos) reason += name + " ";
+        if (match.reason.find(name) == std::string::npos) match.reason += name + " ";
     }
-    return {matched, reason};
+    return match;
 }
 
 // Every input source that makes up the device must have a rule.
-Match matchSources(const std::vector<int>& sources, std::string reason) REQUIRES(rulesLock) {
-    if (sources.empty()) return {false, reason};
-    for (const int code : sources) {
+Match matchSources(const SourceList& sources) REQUIRES(rulesLock) {
+    Match match = {!sources.empty(), kMatchByClass};
+    for (const int32_t code : sources) {
         const bool hasRule = Util::validateClass(code);
         LOG(INFO) << "HID multiClass check";
         if (!hasRule) {
             LOG(INFO) << "HID multi class check false breaking";
-            return {false, reason};
+            return {};
         }
-        reason += Util::getClassName(code) + " ";
+        match.reason += Util::getClassName(code) + " ";
     }
-    return {true, reason};
+    return match;
 }
 
 Match matchClass(const DeviceInfo& info) REQUIRES(rulesLock) {
-    const std::string reason = "Match by ClassName, CLASS : ";
-    if (!info.interfaceClasses.empty()) return matchInterfaceClasses(info.interfaceClasses, reason);
-    return matchSources(Util::checkMultiClass(info.deviceClass), reason);
+    if (!info.interfaceClasses.empty()) return matchInterfaceClasses(info.interfaceClasses);
+    return matchSources(Util::checkMultiClass(info.deviceClass));
 }
 
 Match matchVendor(const DeviceInfo& info) REQUIRES(rulesLock) {
@@ -176,12 +176,13 @@ Match matchVendor(const DeviceInfo& info) REQUIRES(rulesLock) {
         return {true, "Match by VID_PID combination, VID : " + vendor +
                               " PID: " + std::to_string(info.productId)};
     }
-    return {false, ""};
+    return {};
 }
 
 Match matchRules(const DeviceInfo& info) REQUIRES(rulesLock) {
-    Match byClass = matchClass(info);
-    return byClass.matched ? byClass : matchVendor(info);
+    Match match = matchClass(info);
+    if (!match.matched) match = matchVendor(info);
+    return match;
 }
 
 // Any mode but "default" and "blacklist" is a whitelist, a rejected file's word included.
@@ -208,6 +209,12 @@ void logDecision(const DeviceInfo& info, const Verdict& verdict) {
               << ", Status: " << verdict.allowed << ", Reason: " << verdict.reason << " }";
 }
 
+// The whole file passes through the heap, and a large one would stay there.
+void copyFile(const char* src, const char* dst) {
+    Util::copyFileContent(src, dst);
+    mallopt(M_PURGE, 0);
+}
+
 void takeGoodFile() {
     errorMessage = "SUCCESS";
     if (restored) {
@@ -217,14 +224,14 @@ void takeGoodFile() {
     }
     LOG(INFO) << "Parsing success, so update status file and create backup";
     Util::updateErrorFile(statusFilePath, errorMessage);
-    Util::copyFileContent(configFilePath, backupFilePath);
+    copyFile(configFilePath, backupFilePath);
     UsbDevice::usb_host_reset(0);
 }
 
 // A backup that is bad itself comes here again and again: meant.
 void replaceBadFile() {
     LOG(INFO) << "Parsing failure, copying backup file content";
-    Util::copyFileContent(backupFilePath, configFilePath);
+    copyFile(backupFilePath, configFilePath);
     restored = true;
 }
 
@@ -272,7 +279,7 @@ struct ClassTexts {
 
 ClassTexts sourceTexts(const DeviceInfo& info) {
     ClassTexts texts;
-    for (const int code : Util::checkMultiClass(info.deviceClass)) {
+    for (const int32_t code : Util::checkMultiClass(info.deviceClass)) {
         texts.classes += Util::getClassName(code) + ";";
     }
     texts.restricted = kNone;
@@ -282,7 +289,7 @@ ClassTexts sourceTexts(const DeviceInfo& info) {
 ClassTexts interfaceTexts(const DeviceInfo& info) {
     ClassTexts texts;
     for (const int32_t code : info.interfaceClasses) {
-        const std::string name = Util::getClassName(code);
+        const std::string& name = Util::getClassName(code);
         LOG(INFO) << "dumpPrint--" << name;
         appendOnce(Util::validateRestrictedClass(code) ? &texts.restricted : &texts.classes, name);
     }
@@ -297,18 +304,17 @@ ClassTexts interfaceTexts(const DeviceInfo& info) {
     return texts;
 }
 
-std::unique_ptr<DeviceInfo> makeRecord(const DeviceInfo& info, bool allowed,
-                                       const std::string& reason) {
+std::unique_ptr<DeviceInfo> makeRecord(DeviceInfo info, bool allowed, std::string reason) {
     auto record = std::make_unique<DeviceInfo>();
-    record->deviceName = info.deviceName;
+    record->deviceName = std::move(info.deviceName);
     record->deviceId = info.deviceId;
     record->deviceClass = info.deviceClass;
-    record->interfaceClasses = info.interfaceClasses;
+    record->interfaceClasses = std::move(info.interfaceClasses);
     record->vendorId = info.vendorId;
     record->productId = info.productId;
     record->deviceType = info.deviceType;
     record->status = allowed ? 1 : 0;
-    record->reason = reason;
+    record->reason = std::move(reason);
     return record;
 }
 
@@ -438,7 +444,7 @@ void KUsbService::Register() {
         LOG(INFO) << " updating error fle with success";
         Util::updateErrorFile(statusFilePath, "SUCCESS");
         LOG(INFO) << "copying backup ";
-        Util::copyFileContent(configFilePath, backupFilePath);
+        copyFile(configFilePath, backupFilePath);
     } else {
         LOG(INFO) << " parsing failed";
     }
@@ -588,7 +594,6 @@ Status KUsbService::getDeviceList(std::vector<DeviceInfo>* out) {
     return Status::ok();
 }
 
-// NOLINTNEXTLINE(performance-unnecessary-value-param): by value is part of its interface.
 void KUsbService::addDeviceList(DeviceInfo info, bool allowed, std::string reason) {
     if (isUsbDevice(info)) {
         std::unique_ptr<DeviceInfo> record;
@@ -600,8 +605,10 @@ void KUsbService::addDeviceList(DeviceInfo info, bool allowed, std::string reaso
         return;
     }
     LOG(INFO) << info.deviceName << " device added to mInputDeviceInfoList";
+    const int32_t deviceId = info.deviceId;
+    auto record = makeRecord(std::move(info), allowed, std::move(reason));
     const AutoMutex lock(listLock);
-    mInputDeviceInfoList.emplace(info.deviceId, makeRecord(info, allowed, reason));
+    mInputDeviceInfoList.emplace(deviceId, std::move(record));
 }
 
 void KUsbService::addUsbDevice(std::unique_ptr<DeviceInfo> record) {

@@ -5,11 +5,13 @@
 
 #include <errno.h>
 #include <fcntl.h>
+#include <malloc.h>
 #include <stdio.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
 #include <algorithm>
+#include <charconv>
 #include <iterator>
 #include <map>
 #include <optional>
@@ -35,13 +37,16 @@ constexpr unsigned int kNoSuchClass = 0xFFFFFFFF;
 // The input-source bits below these tell the source's class (button, pointer, ...), not the source.
 constexpr int kSourceClassMask = 0xFF;
 
-// What a file says, up to its first error.
+// What a file says, up to its first error, and what is to be told of it.
 struct Rules {
     /** None when the file ends before it tells one: that in force stays. */
     std::optional<std::string> mode;
-    std::vector<int32_t> classList;
-    std::map<int32_t, std::string> classMap;
-    std::multimap<int32_t, int32_t> vidPidMap;
+    std::vector<int32_t> classes;
+    std::vector<VendorRule> vendors;
+    /** For the status file; none leaves that as it is. */
+    std::optional<std::string> status;
+    /** Goes into the log behind the status, with the error: of two failures, meant. */
+    const char* logBehind = nullptr;
 };
 
 // A document of comments alone loads and has no root: reading its name faults, and the crash
@@ -50,58 +55,53 @@ struct Rules {
     return root->Value();
 }
 
-// The rules that stood before are left in *rules, to be freed without the lock.
+// The rules that stood before are freed without the lock.
 void putInForce(Rules* rules) {
+    ClassRules classes;
+    std::map<int32_t, std::string> classTexts;
+    for (const int32_t code : rules->classes) {
+        classes.push_back(code);
+        classTexts.emplace(code, Util::getClassName(code));
+    }
+    VendorRules vendors(rules->vendors);
+
     const AutoMutex lock(rulesLock);
     if (rules->mode) configMode.swap(*rules->mode);
-    configClassList.swap(rules->classList);
-    configClassMap.swap(rules->classMap);
-    vidPidMap.swap(rules->vidPidMap);
-}
-
-// Each way out of the parser goes through one of these two, once. Whoever has read the status finds
-// what it tells of in force.
-void report(const std::string& text, Rules* rules) {
-    putInForce(rules);
-    Util::updateErrorFile(statusFilePath, text);
-}
-
-void succeed(Rules* rules) {
-    xml_parse_status = true;
-    putInForce(rules);
+    std::swap(configClassList, classes);
+    configClassMap.swap(classTexts);
+    std::swap(vidPidMap, vendors);
 }
 
 void reportLoadFailure(const XMLDocument& document, Rules* rules) {
     LOG(ERROR) << "xmlinput --Found error " << document.ErrorID()
                << " name: " << XMLDocument::ErrorIDToName(document.ErrorID());
     LOG(ERROR) << "xmlinput -- error string " << document.ErrorStr();
-    report(document.ErrorStr(), rules);
+    rules->status = document.ErrorStr();
 }
 
 void reportBadRoot(const std::string& name, Rules* rules) {
     errorMessage = "INVALID ROOT ELEMENT : " + name;
-    report(errorMessage, rules);
-    LOG(ERROR) << "Invalid root element --" << errorMessage;
+    rules->status = errorMessage;
+    rules->logBehind = "Invalid root element --";
 }
 
 void reportMissingMode(Rules* rules) {
     errorMessage = "MODE NOT PRESENT";
     LOG(ERROR) << "error in ATTRIBUTE MODE value= " << errorMessage;
-    report(errorMessage, rules);
+    rules->status = errorMessage;
 }
 
 void reportBadMode(Rules* rules) {
     errorMessage = "INVALID MODE";
-    report(errorMessage, rules);
-    LOG(ERROR) << "Invalid mode is set in xml--" << errorMessage;
+    rules->status = errorMessage;
+    rules->logBehind = "Invalid mode is set in xml--";
 }
 
 // One bad rule fails the whole file. Always false, so that a rule's reader can return it.
 bool fail(const char* logText, const std::string& text, Rules* rules) {
     errorMessage = text;
-    xml_parse_status = false;
     LOG(ERROR) << logText << errorMessage;
-    report(errorMessage, rules);
+    rules->status = errorMessage;
     return false;
 }
 
@@ -115,10 +115,18 @@ bool readClass(const XMLElement& element, Rules* rules) {
     if (code == kNoSuchClass || Util::validateRestrictedClass(code)) {
         return fail("error in class val= ", "INVALID CLASS VALUE:" + name, rules);
     }
-    rules->classMap.emplace(static_cast<int32_t>(code), name);
-    rules->classList.push_back(static_cast<int32_t>(code));
+    rules->classes.push_back(static_cast<int32_t>(code));
     LOG(INFO) << "class val--" << code;
     return true;
+}
+
+// Of digits alone. A number beyond 32 bits throws, nobody catches, and the crash handler restores
+// the last good file: meant.
+int32_t numberOf(const std::string& digits) {
+    int32_t number = 0;
+    const auto end = digits.data() + digits.size();
+    const bool fits = std::from_chars(digits.data(), end, number).ec == std::errc();
+    return fits ? number : std::stoi(digits);
 }
 
 bool readProduct(const std::string& vendorId, const XMLElement& element, Rules* rules) {
@@ -130,9 +138,7 @@ bool readProduct(const std::string& vendorId, const XMLElement& element, Rules* 
         return fail("error in pid val= ", "INVALID PRODUCT ID VALUE:" + productId, rules);
     }
     LOG(INFO) << "pid value print in while--" << productId;
-    // A number beyond 32 bits throws, nobody catches, and the crash handler restores the last good
-    // file: meant, here and for the vendor without products.
-    rules->vidPidMap.emplace(std::stoi(vendorId), std::stoi(productId));
+    rules->vendors.emplace_back(numberOf(vendorId), numberOf(productId));
     return true;
 }
 
@@ -152,7 +158,7 @@ bool readVendor(const XMLElement& element, Rules* rules) {
     const XMLElement* product = element.FirstChildElement("pid");
     if (product == nullptr) {
         LOG(INFO) << "pid value print in else--";
-        rules->vidPidMap.emplace(std::stoi(vendorId), ANY_PRODUCT_ID);
+        rules->vendors.emplace_back(numberOf(vendorId), ANY_PRODUCT_ID);
         return true;
     }
     // From the first "pid" on, a sibling of any name is a product id: meant.
@@ -175,53 +181,59 @@ void readRules(const XMLElement& root, Rules* rules) {
         LOG(INFO) << "no element, blocking all device";
         xml_parse_status = true;
         // Whatever the previous parse left there: meant, the callers overwrite it for new rules.
-        report(errorMessage, rules);
+        rules->status = errorMessage;
         return;
     }
     LOG(INFO) << " before while first child element name " << rule->Value();
     for (; rule != nullptr; rule = rule->NextSiblingElement()) {
         if (!readRule(*rule, rules)) return;
     }
-    succeed(rules);
+    xml_parse_status = true;
 }
 
-void readConfig(const std::string& path, Rules* rules) {
+// The document is gone when this returns, before the rules that stay get their memory: behind it
+// they would keep the heap from shrinking.
+Rules readConfig(const std::string& path) {
+    Rules rules;
     XMLDocument document(/*processEntities=*/true, tinyxml2::PRESERVE_WHITESPACE);
     document.LoadFile(path.c_str());
     xml_parse_status = false;
     if (document.Error()) {
-        reportLoadFailure(document, rules);
-        return;
+        reportLoadFailure(document, &rules);
+        return rules;
     }
 
     const XMLElement* root = document.FirstChildElement();
     const std::string name = nameOfRoot(root);
     if (name != "usbconfig") {
-        reportBadRoot(name, rules);
-        return;
+        reportBadRoot(name, &rules);
+        return rules;
     }
     if (root->FindAttribute("mode") == nullptr) {
-        reportMissingMode(rules);
-        return;
+        reportMissingMode(&rules);
+        return rules;
     }
 
     const std::string mode = root->Attribute("mode");
     LOG(INFO) << "attribute--" << mode;
-    rules->mode = mode;
+    rules.mode = mode;
     if (mode == "default") {
-        succeed(rules);
-        return;
+        xml_parse_status = true;
+    } else if (mode == "whitelist" || mode == "blacklist") {
+        readRules(*root, &rules);
+    } else {
+        reportBadMode(&rules);
     }
-    if (mode != "whitelist" && mode != "blacklist") {
-        reportBadMode(rules);
-        return;
-    }
-    readRules(*root, rules);
+    return rules;
 }
 
-bool occursIn(const std::vector<int32_t>& codes, unsigned int code) {
-    return std::count(codes.begin(), codes.end(), static_cast<int32_t>(code)) > 0;
-}
+// Never destroyed: exit() destroys while other threads still ask.
+const std::map<int32_t, std::string>& classNames = *[] {
+    auto* names = new std::map<int32_t, std::string>;
+    for (const ClassName& row : usbClassTable) names->emplace(row.code, row.name);
+    return names;
+}();
+const std::string& unknownClassName = *new std::string(" ");
 
 unique_fd openToRead(const std::string& path) {
     return unique_fd(open(path.c_str(), O_RDONLY | O_CLOEXEC));
@@ -296,8 +308,13 @@ bool replaceFile(const std::string& path, const std::string& content) {
 }
 
 void Util::createMapFromConfig(const std::string& path) {
-    Rules rules;
-    readConfig(path, &rules);
+    Rules rules = readConfig(path);
+    // Before the status: whoever has read that finds what it tells of in force.
+    putInForce(&rules);
+    if (rules.status) updateErrorFile(statusFilePath, *rules.status);
+    if (rules.logBehind != nullptr) LOG(ERROR) << rules.logBehind << errorMessage;
+    // The document took thirty times the memory of its rules: 43 MB for 100,000 of them.
+    mallopt(M_PURGE, 0);
 }
 
 unsigned int Util::convert(const std::string& name) {
@@ -317,55 +334,50 @@ std::string Util::getMode() {
 }
 
 bool Util::validateClass(unsigned int classCode) {
-    if (!occursIn(configClassList, classCode)) return false;
+    if (!configClassList.contains(static_cast<int32_t>(classCode))) return false;
     LOG(INFO) << "Found CLASS : " << classCode << " in admin config list";
     return true;
 }
 
 bool Util::validateRestrictedClass(unsigned int classCode) {
-    if (!occursIn(restrictedClasses, classCode)) return false;
+    const auto found = std::find(restrictedClasses.begin(), restrictedClasses.end(),
+                                 static_cast<int32_t>(classCode));
+    if (found == restrictedClasses.end()) return false;
     LOG(INFO) << "Found CLASS : " << classCode << " in restricted class list";
     return true;
 }
 
 bool Util::validateVid(int vendorId) {
-    const auto own = vidPidMap.lower_bound(vendorId);
-    if (own == vidPidMap.end() || own->first != vendorId) return false;
-    // To the end of the whole table, larger vendors included: meant.
-    const bool found = std::any_of(own, vidPidMap.end(),
-                                   [](const auto& rule) { return rule.second == ANY_PRODUCT_ID; });
-    if (!found) return false;
+    // Larger vendors' rules count as well: meant.
+    if (!vidPidMap.hasVendor(vendorId) || !vidPidMap.hasVendorOnlyFrom(vendorId)) return false;
     LOG(INFO) << "Found VID : " << vendorId
               << " without any pid associated inside admin config list.";
     return true;
 }
 
 bool Util::validateVidPid(int vendorId, int productId) {
-    const bool found = std::any_of(vidPidMap.begin(), vidPidMap.end(), [=](const auto& rule) {
-        return rule.first == vendorId && rule.second == productId;
-    });
-    if (!found) return false;
+    if (!vidPidMap.contains({vendorId, productId})) return false;
     LOG(INFO) << "Found VID_PID : " << vendorId << "_" << productId
               << " combination inside admin config list";
     return true;
 }
 
-std::string Util::getClassName(int code) {
-    const auto* row = std::find_if(std::begin(usbClassTable), std::end(usbClassTable),
-                                   [=](const ClassName& r) { return code == r.code; });
-    return row == std::end(usbClassTable) ? " " : row->name;
+const std::string& Util::getClassName(int code) {
+    const auto name = classNames.find(code);
+    return name == classNames.end() ? unknownClassName : name->second;
 }
 
-std::vector<int> Util::checkMultiClass(int sourceBits) {
+SourceList Util::checkMultiClass(int sourceBits) {
     LOG(INFO) << "checkMultiClass key_val" << sourceBits;
     const int masked = sourceBits & ~kSourceClassMask;
     LOG(INFO) << "checkMultiClass--" << masked;
+    SourceList sources;
     if (inputSourceNames.count(masked) > 0) {
         LOG(INFO) << "Key found\n";
-        return {masked};
+        sources.push_back(masked);
+        return sources;
     }
     LOG(INFO) << "Key not found\n";
-    std::vector<int> sources;
     for (const auto& [code, name] : inputSourceNames) {
         if ((code & ~masked) == 0) sources.push_back(code);
     }

@@ -3,8 +3,13 @@
 
 #pragma once
 
+#include <stddef.h>
+#include <stdint.h>
+
+#include <algorithm>
+#include <array>
+#include <iterator>
 #include <string>
-#include <vector>
 
 #include <utils/Mutex.h>
 
@@ -23,6 +28,25 @@ bool isDirectory(const std::string& path);
  * write. Takes no lock.
  */
 bool replaceFile(const std::string& path, const std::string& content);
+
+/** Known input-source codes, ascending. A value, without memory of its own. */
+class SourceList {
+  public:
+    using value_type = int32_t;
+    using const_iterator = const int32_t*;
+
+    /** code must be one of usbClassTable's, and larger than those before it. */
+    void push_back(int32_t code) { codes_[size_++] = code; }
+
+    const_iterator begin() const { return codes_.data(); }
+    const_iterator end() const { return codes_.data() + size_; }
+    size_t size() const { return size_; }
+    bool empty() const { return size_ == 0; }
+
+  private:
+    std::array<int32_t, std::size(usbClassTable)> codes_ = {};
+    size_t size_ = 0;
+};
 
 /**
  * The administrator's rules: parsing them, asking them, and the files that tell their outcome.
@@ -80,15 +104,18 @@ class Util {
     /** Does a rule name exactly this pair? -1 as product asks for a rule without products. */
     static bool validateVidPid(int vendorId, int productId) REQUIRES(rulesLock);
 
-    /** The name of a code of usbClassTable; one blank, never an empty text, for any other. */
-    static std::string getClassName(int code);
+    /**
+     * The name of a code of usbClassTable; one blank, never an empty text, for any other. The texts
+     * last as long as the process; they are there when main() begins.
+     */
+    static const std::string& getClassName(int code);
 
     /**
      * The known input-source codes that make up a source, ascending; may be empty.
      *
      * Bits 0 to 7 (the platform's source class bits) are ignored.
      */
-    static std::vector<int> checkMultiClass(int sourceBits);
+    static SourceList checkMultiClass(int sourceBits);
 
     // --- Files ---------------------------------------------------------------------------------
 

@@ -189,10 +189,11 @@ void checkState(const Outcome& expected) {
     CHECK_EQ(android::kus::errorMessage, expected.error);
     CHECK_EQ(ReadFile(android::kus::statusFilePath, kLongestStatus), expected.status);
     CHECK_EQ(Util::getMode(), expected.mode);
-    CHECK(android::kus::configClassList == expected.classes);
+    const auto& classes = android::kus::configClassList;
+    CHECK(std::vector<int32_t>(classes.begin(), classes.end()) == expected.classes);
     CHECK(android::kus::configClassMap == expected.classTexts);
-    const Pairs products(android::kus::vidPidMap.begin(), android::kus::vidPidMap.end());
-    CHECK(products == sortedByVendor(expected.products));
+    const auto& products = android::kus::vidPidMap;
+    CHECK(Pairs(products.begin(), products.end()) == sortedByVendor(expected.products));
 }
 
 bool hasClass(const Outcome& outcome, int32_t code) {

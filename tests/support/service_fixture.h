@@ -77,9 +77,9 @@ inline void ClearProperties() {
 /** The rules of a process that has not parsed a file. */
 inline void ResetRules() {
     configMode = "default";
-    configClassList.clear();
+    configClassList = {};
     configClassMap.clear();
-    vidPidMap.clear();
+    vidPidMap = {};
     errorMessage = "SUCCESS";
     xml_parse_status = false;
 }
