@@ -47,25 +47,65 @@ unique_fd memoryOf(pid_t pid) {
     return memory;
 }
 
-}  // namespace
+void letParentTrace() {
+    CHECK(ptrace(PTRACE_TRACEME, 0, nullptr, nullptr) == 0);
+}
 
-ProcessResult RunTraced(const std::vector<std::string>& arguments,
-                        const std::function<void(const SystemCall&)>& onCall) {
-    Process program(arguments, [] { CHECK(ptrace(PTRACE_TRACEME, 0, nullptr, nullptr) == 0); });
-    const pid_t pid = program.pid();
-    int status = waitFor(pid);
-    CHECK(WIFSTOPPED(status) && WSTOPSIG(status) == SIGTRAP) << "not started";
+// The child has stopped itself, or been stopped at its start, by this signal.
+void awaitStart(pid_t pid, int signal) {
+    const int status = waitFor(pid);
+    CHECK(WIFSTOPPED(status) && WSTOPSIG(status) == signal) << "not started";
     CHECK(ptrace(PTRACE_SETOPTIONS, pid, nullptr, PTRACE_O_TRACESYSGOOD | PTRACE_O_EXITKILL) == 0);
+}
+
+ProcessResult follow(Process* program, const std::function<void(const SystemCall&)>& onCall) {
+    const pid_t pid = program->pid();
+    awaitStart(pid, SIGTRAP);
     int pending = 0;
     while (true) {
         CHECK(ptrace(PTRACE_SYSCALL, pid, nullptr, pending) == 0);
-        status = waitFor(pid);
-        if (!WIFSTOPPED(status)) return program.Ended(status);
+        const int status = waitFor(pid);
+        if (!WIFSTOPPED(status)) return program->Ended(status);
         pending = WSTOPSIG(status);
         if (pending != kCallStop) continue;
         pending = 0;
         tellCall(pid, onCall);
     }
+}
+
+}  // namespace
+
+ProcessResult RunTraced(const std::vector<std::string>& arguments,
+                        const std::function<void(const SystemCall&)>& onCall) {
+    Process program(arguments, letParentTrace);
+    return follow(&program, onCall);
+}
+
+ProcessResult RunTraced(const std::function<void()>& body,
+                        const std::function<void(const SystemCall&)>& onCall) {
+    Process child([&] {
+        letParentTrace();
+        CHECK(raise(SIGTRAP) == 0);
+        body();
+    });
+    return follow(&child, onCall);
+}
+
+uint64_t CountInstructions(const std::function<void()>& body, uint64_t limit) {
+    const Process child([&] {
+        letParentTrace();
+        CHECK(raise(SIGSTOP) == 0);
+        body();
+        CHECK(raise(SIGSTOP) == 0);
+    });
+    awaitStart(child.pid(), SIGSTOP);
+    for (uint64_t count = 0; count < limit; ++count) {
+        CHECK(ptrace(PTRACE_SINGLESTEP, child.pid(), nullptr, 0) == 0);
+        const int status = waitFor(child.pid());
+        CHECK(WIFSTOPPED(status)) << "ended early";
+        if (WSTOPSIG(status) == SIGSTOP) return count;
+    }
+    return limit;
 }
 
 void ReadMemory(pid_t pid, uint64_t address, void* bytes, size_t size) {

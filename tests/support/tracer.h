@@ -1,7 +1,7 @@
 // Copyright (C) 2026 The kusd authors
 // SPDX-License-Identifier: Apache-2.0
 
-/** The system calls of a program, for what no log line and no file shows. */
+/** The system calls and instructions of a program, for what no log line and no file shows. */
 
 #pragma once
 
@@ -27,6 +27,15 @@ struct SystemCall {
 /** Runs a program of one thread (absolute path) and hands each of its calls to onCall. */
 ProcessResult RunTraced(const std::vector<std::string>& arguments,
                         const std::function<void(const SystemCall&)>& onCall);
+/** The same for what a forked child does in body. */
+ProcessResult RunTraced(const std::function<void()>& body,
+                        const std::function<void(const SystemCall&)>& onCall);
+
+/**
+ * How many instructions a forked child takes for body, and some hundred for being counted; not
+ * beyond limit.
+ */
+uint64_t CountInstructions(const std::function<void()>& body, uint64_t limit);
 
 /** Copies size bytes out of a traced program's memory; they must be there. */
 void ReadMemory(pid_t pid, uint64_t address, void* bytes, size_t size);
