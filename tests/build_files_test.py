@@ -10,10 +10,14 @@ import unittest
 from pathlib import Path
 
 REPO = Path(__file__).resolve().parent.parent
-FOLDERS = ("android/kus_aidl_interface", "android/kus", "tools", "tests", "tests/fuzz")
-BP_MODULES = ("aidl_interface", "cc_binary", "cc_fuzz", "cc_library_static", "cc_test",
-              "cc_test_library")
-CMAKE_CALLS = ("add_executable", "add_library", "kus_add_fuzzer", "kus_add_test")
+FOLDERS = ("android/kus_aidl_interface", "android/kus", "tools", "tests", "tests/fuzz",
+           "benchmarks")
+# These run in the virtual terminal alone, which no Android tree builds.
+TERMINAL_FOLDERS = ("benchmarks/vm",)
+BP_MODULES = ("aidl_interface", "cc_benchmark", "cc_binary", "cc_fuzz", "cc_library_static",
+              "cc_test", "cc_test_library")
+CMAKE_CALLS = ("add_executable", "add_library", "kus_add_benchmark", "kus_add_fuzzer",
+               "kus_add_program", "kus_add_test")
 
 Targets = dict[str, list[str]]
 
@@ -88,7 +92,8 @@ class BuildFiles(unittest.TestCase):
                 root = REPO / folder
                 files = {str(f.relative_to(root)) for f in root.rglob("*.cpp")}
                 files |= {str(f.relative_to(root)) for f in root.rglob("*.aidl")}
-                inner = [f"{Path(other).relative_to(folder)}/" for other in FOLDERS
+                inner = [f"{Path(other).relative_to(folder)}/"
+                         for other in (*FOLDERS, *TERMINAL_FOLDERS)
                          if Path(folder) in Path(other).parents]
                 files = {file for file in files if not file.startswith(tuple(inner))}
                 named = {s for sources in bp_targets(folder).values() for s in sources}

@@ -3,10 +3,11 @@
 
 """Builds and runs the tests; the second half of ./test.
 
-Five suites: "lint" (formatting, static analysis, the two builds' lists), "unit" (googletest, each
+Six suites: "lint" (formatting, static analysis, the two builds' lists), "unit" (googletest, each
 test in a sandbox of its own), "race" (those of many threads once more, with the thread sanitizer),
-"fuzz" (the fuzz targets over their inputs) and "vm" (unittest, in the virtual terminal). A test
-that did not run has failed: a missing result, an empty suite and a broken build all count.
+"fuzz" (the fuzz targets over their inputs), "bench" (whether the benchmarks work; never a time) and
+"vm" (unittest, in the virtual terminal). A test that did not run has failed: a missing result, an
+empty suite and a broken build all count.
 """
 
 from __future__ import annotations
@@ -25,6 +26,7 @@ from typing import Callable, Iterable, NamedTuple
 REPO = Path(__file__).resolve().parent.parent
 BUILD = REPO / "build"
 RESULTS = BUILD / "results"
+SUITES = ("bench", "fuzz", "lint", "race", "unit", "vm")
 WORKERS = 2
 # A storm takes as many times two to five minutes.
 MODULE_TIMEOUT = max(1500, 400 * int(os.environ.get("KUS_STORM_FACTOR", "1")))
@@ -86,9 +88,16 @@ def build(kind: str) -> Outcome:
 # --- lint ----------------------------------------------------------------------------------------
 
 
+# The builds that compile the sources of a folder; all others are in the first of the three.
+DATABASES = {"": "asan", "tests/fuzz": "fuzz", "benchmarks": "release"}
+
+
+def database_of(source: str) -> Path:
+    return BUILD / DATABASES.get(str(Path(source).parent), DATABASES[""])
+
+
 def tidy(source: str) -> Outcome:
-    database = BUILD / ("fuzz" if source.startswith("tests/fuzz/") else "asan")
-    command: list[str | Path] = ["clang-tidy-14", "--quiet", "-p", database, source]
+    command: list[str | Path] = ["clang-tidy-14", "--quiet", "-p", database_of(source), source]
     # The path analysis of what googletest's macros unfold to takes a minute a file.
     if source.endswith("_test.cpp"):
         command.append("--checks=-clang-analyzer-*")
@@ -96,10 +105,15 @@ def tidy(source: str) -> Outcome:
 
 
 def compiled_sources() -> list[str]:
-    commands = json.loads((BUILD / "asan/compile_commands.json").read_text())
-    files = {Path(entry["file"]).resolve() for entry in commands}
-    own = [file for file in files if not file.is_relative_to(BUILD)]
-    return sorted({str(file.relative_to(REPO)) for file in own} | set(tracked("tests/fuzz/*.cpp")))
+    """The project's own, each of which is checked as one build compiles it."""
+    sources: set[str] = set()
+    for kind in DATABASES.values():
+        database = BUILD / kind
+        commands = json.loads((database / "compile_commands.json").read_text())
+        files = {Path(entry["file"]).resolve() for entry in commands}
+        own = {str(f.relative_to(REPO)) for f in files if not f.is_relative_to(BUILD)}
+        sources |= {source for source in own if database_of(source) == database}
+    return sorted(sources)
 
 
 def lint_checks() -> list[Callable[[], Outcome]]:
@@ -202,6 +216,25 @@ def run_fuzz(wanted: Callable[[str], bool], long: bool) -> Iterable[Outcome]:
         return list(pool.map(lambda target: fuzz(target, long), targets))
 
 
+# --- bench ---------------------------------------------------------------------------------------
+
+
+def run_bench(wanted: Callable[[str], bool], quick: bool) -> Iterable[Outcome]:
+    step("running the benchmarks, as short as possible")
+    sections = ["scan", "decide", "parse"] + ([] if quick else ["vm"])
+    sections = [section for section in sections if wanted(f"bench.{section}")]
+    if not sections:
+        return []
+    started = time.monotonic()
+    output = run(["./bench", "--smoke", *sections], timeout=3000).stdout
+    step(f"bench: {time.monotonic() - started:.0f} s")
+    return [
+        Outcome(f"bench.{section}",
+                re.search(rf"^section {section} worked", output, re.MULTILINE) is not None, output)
+        for section in sections
+    ]
+
+
 # --- vm ------------------------------------------------------------------------------------------
 
 
@@ -263,15 +296,17 @@ def main(arguments: list[str]) -> int:
     def suite_wanted(suite: str) -> bool:
         if only_modules:
             return suite == "vm"
-        return not names or any(suite in part or part not in ("fuzz", "lint", "race", "unit", "vm")
+        return not names or any(suite in part or part not in SUITES
                                 for part in names)
 
     # A machine's first boot and a build want the same two cores: one thing after the other.
     only_fuzz = names == ["fuzz"]
-    needs_builds = names not in (["fuzz"], ["race"])
+    needs_builds = names not in (["bench"], ["fuzz"], ["race"])
     kinds = ["native", "asan"] + ([] if quick else ["arm64"]) if needs_builds else []
     if suite_wanted("fuzz") or suite_wanted("lint"):
         kinds.append("fuzz")
+    if suite_wanted("lint"):
+        kinds.append("release")
     if suite_wanted("race"):
         kinds.append("tsan")
     builds = [build(kind) for kind in kinds]
@@ -287,6 +322,8 @@ def main(arguments: list[str]) -> int:
         outcomes += run_fuzz(wanted, long=only_fuzz)
     if suite_wanted("lint"):
         outcomes += run_lint(wanted)
+    if suite_wanted("bench"):
+        outcomes += run_bench(wanted, quick)
     if not quick and suite_wanted("vm"):
         outcomes += run_vm(wanted, named if only_modules else modules)
     return report(outcomes)
