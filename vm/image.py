@@ -213,6 +213,8 @@ class Sources:
     programs: Path = BUILD / "arm64"
     rootfs: Path = ROOT / "vm/rootfs"
     output: Path = BUILD / "vm"
+    # Directories with Debian packages, for programs that the terminal itself does without.
+    others: tuple[Path, ...] = ()
 
     def kernel_image(self) -> Path:
         images = sorted(self.kernel.glob("boot/vmlinuz-*"))
@@ -241,7 +243,9 @@ class Sources:
         raise ImageError(f"no busybox in {self.sysroot}: host/setup gets it (busybox-static)")
 
     def program(self, name: str) -> Path:
-        for directory in (self.programs / "bin", self.platform / "bin"):
+        directories = [self.programs / "bin", self.platform / "bin"]
+        directories += [other / place for other in self.others for place in ("usr/bin", "usr/sbin")]
+        for directory in directories:
             if (directory / name).is_file():
                 return directory / name
         raise ImageError(f"no program {name} in {self.programs} or {self.platform}/bin: "
@@ -252,6 +256,7 @@ class Sources:
                        self.sysroot / "usr/lib" / TRIPLET,
                        self.sysroot / "usr/lib" / TRIPLET / "android", self.sysroot / "lib"]
         directories += [self.sysroot / directory.lstrip("/") for directory in run_path]
+        directories += [other / "usr/lib" / TRIPLET for other in self.others]
         for directory in directories:
             if (directory / name).is_file():
                 return directory / name
