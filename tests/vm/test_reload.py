@@ -258,6 +258,24 @@ class GoodFileTest(ReloadTestCase):
                 self.write(content)
                 self.assert_files(content, backup or content, "SUCCESS")
 
+    def test_memory_of_many_rules_is_given_back_behind_their_file_and_behind_them(self) -> None:
+        few = self.RULES.encode()
+        many = policy("whitelist", *map(vendor_rule, range(5000))).encode()
+        self.begin_with(self.RULES)
+        self.set_modes("none")
+        self.write(few)
+        sizes = [self.memory(self.pid)]
+        for content in (many, few):
+            self.write(content)
+            self.assert_files(content, content, "SUCCESS")
+            sizes.append(self.memory(self.pid))
+        before, in_force, after = sizes
+        figure("memory with few rules, with 5,000, with few again",
+               f"{before} KB, {in_force} KB, {after} KB")
+        # The document alone takes 2 MB, the text for the backup as much as the file has.
+        self.assertLess(in_force - before, 512)
+        self.assertLess(after - before, 256)
+
     def test_controller_that_is_not_in_host_mode_is_left_alone(self) -> None:
         self.begin_with(DEFAULT_POLICY)
         texts = itertools.cycle((policy("whitelist", vendor_rule(1)), DEFAULT_POLICY))
