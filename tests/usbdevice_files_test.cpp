@@ -381,7 +381,7 @@ TEST_F(Rescan, ReadsAllOfAnEntryWithOneFreeDescriptor) {
         addWholeEntry(kind.entry);
         const ProcessResult child = RunInChild([&] {
             int last = -1;
-            for (int fd; (fd = dup(STDERR_FILENO)) != -1;) last = fd;
+            for (int fd; (fd = fcntl(STDERR_FILENO, F_DUPFD_CLOEXEC, 0)) != -1;) last = fd;
             close(last);
             UsbDevice::inspect_bus_entry(kind.entry);
         });

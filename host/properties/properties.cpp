@@ -60,6 +60,8 @@ std::string readFile(const char* name) {
 // of a change before the call that makes it returns.
 class Values {
   public:
+    Values();
+
     std::string read(const char* name) {
         const std::lock_guard<std::mutex> lock(mMutex);
         if (!watch()) return readFile(name);
@@ -104,18 +106,17 @@ class Values {
     std::map<std::string, std::string, std::less<>> mKnown;
 };
 
-// Never destroyed: exit() destroys while other threads still ask.
-Values& values() {
-    static Values* const all = [] {
-        pthread_atfork([] { values().beginFork(); }, [] { values().endForkOfParent(); },
-                       [] { values().endForkOfChild(); });
-        return new Values;
-    }();
-    return *all;
+// Made before main(), when nobody asks yet, and never destroyed: exit() destroys while other
+// threads still ask.
+Values& values = *new Values;
+
+Values::Values() {
+    pthread_atfork([] { values.beginFork(); }, [] { values.endForkOfParent(); },
+                   [] { values.endForkOfChild(); });
 }
 
 std::string read(const char* name) {
-    return name == nullptr ? "" : values().read(name);
+    return name == nullptr ? "" : values.read(name);
 }
 
 int copyValue(const std::string& from, char* to) {
