@@ -37,85 +37,38 @@ constexpr unsigned int kNoSuchClass = 0xFFFFFFFF;
 // The input-source bits below these tell the source's class (button, pointer, ...), not the source.
 constexpr int kSourceClassMask = 0xFF;
 
-// What a file says, up to its first error, and what is to be told of it.
-struct Rules {
-    /** None when the file ends before it tells one: that in force stays. */
-    std::optional<std::string> mode;
-    std::vector<int32_t> classes;
-    std::vector<VendorRule> vendors;
-    /** For the status file; none leaves that as it is. */
-    std::optional<std::string> status;
-    /** Goes into the log behind the status, with the error: of two failures, meant. */
-    const char* logBehind = nullptr;
-};
-
 // A document of comments alone loads and has no root: reading its name faults, and the crash
 // handler restores the last good file. Meant, so there is no check, and no sanitizer's either.
 [[clang::no_sanitize("null")]] std::string nameOfRoot(const XMLElement* root) {
     return root->Value();
 }
 
-// The rules that stood before are freed without the lock.
-void putInForce(Rules* rules) {
-    ClassRules classes;
-    std::map<int32_t, std::string> classTexts;
-    for (const int32_t code : rules->classes) {
-        classes.push_back(code);
-        classTexts.emplace(code, Util::getClassName(code));
-    }
-    VendorRules vendors(rules->vendors);
-
-    const AutoMutex lock(rulesLock);
-    if (rules->mode) configMode.swap(*rules->mode);
-    std::swap(configClassList, classes);
-    configClassMap.swap(classTexts);
-    std::swap(vidPidMap, vendors);
-}
-
-void reportLoadFailure(const XMLDocument& document, Rules* rules) {
-    LOG(ERROR) << "xmlinput --Found error " << document.ErrorID()
-               << " name: " << XMLDocument::ErrorIDToName(document.ErrorID());
-    LOG(ERROR) << "xmlinput -- error string " << document.ErrorStr();
-    rules->status = document.ErrorStr();
-}
-
-void reportBadRoot(const std::string& name, Rules* rules) {
-    errorMessage = "INVALID ROOT ELEMENT : " + name;
-    rules->status = errorMessage;
-    rules->logBehind = "Invalid root element --";
-}
-
-void reportMissingMode(Rules* rules) {
-    errorMessage = "MODE NOT PRESENT";
-    LOG(ERROR) << "error in ATTRIBUTE MODE value= " << errorMessage;
-    rules->status = errorMessage;
-}
-
-void reportBadMode(Rules* rules) {
-    errorMessage = "INVALID MODE";
-    rules->status = errorMessage;
-    rules->logBehind = "Invalid mode is set in xml--";
-}
-
 // One bad rule fails the whole file. Always false, so that a rule's reader can return it.
-bool fail(const char* logText, const std::string& text, Rules* rules) {
-    errorMessage = text;
-    LOG(ERROR) << logText << errorMessage;
-    rules->status = errorMessage;
+bool fail(const XMLElement& element, const std::string& text, Config* config) {
+    config->outcome = Config::Outcome::kBadFile;
+    config->error = text;
+    config->failedAt = &element;
     return false;
 }
 
-bool readClass(const XMLElement& element, Rules* rules) {
+bool failRule(const XMLElement& element, const char* logText, const std::string& text,
+              Config* config) {
+    LOG(ERROR) << logText << text;
+    return fail(element, text, config);
+}
+
+bool readClass(const XMLElement& element, Config* config) {
+    constexpr char kLogText[] = "error in class val= ";
     const char* text = element.GetText();
-    if (text == nullptr) return fail("error in class val= ", "EMPTY CLASS VALUE", rules);
+    if (text == nullptr) return failRule(element, kLogText, "EMPTY CLASS VALUE", config);
     const std::string name = text;
     LOG(INFO) << "class--" << name;
 
     const unsigned int code = Util::convert(name);
     if (code == kNoSuchClass || Util::validateRestrictedClass(code)) {
-        return fail("error in class val= ", "INVALID CLASS VALUE:" + name, rules);
+        return failRule(element, kLogText, "INVALID CLASS VALUE:" + name, config);
     }
-    rules->classes.push_back(static_cast<int32_t>(code));
+    config->classes.push_back(static_cast<int32_t>(code));
     LOG(INFO) << "class val--" << code;
     return true;
 }
@@ -129,102 +82,96 @@ int32_t numberOf(const std::string& digits) {
     return fits ? number : std::stoi(digits);
 }
 
-bool readProduct(const std::string& vendorId, const XMLElement& element, Rules* rules) {
+bool readProduct(const std::string& vendorId, const XMLElement& element, Config* config) {
+    constexpr char kLogText[] = "error in pid val= ";
     const char* text = element.GetText();
-    if (text == nullptr) return fail("error in pid val= ", "EMPTY PRODUCT ID VALUE", rules);
+    if (text == nullptr) return failRule(element, kLogText, "EMPTY PRODUCT ID VALUE", config);
     const std::string productId = text;
     LOG(INFO) << "pid--" << productId;
     if (!Util::isValidNumber(productId)) {
-        return fail("error in pid val= ", "INVALID PRODUCT ID VALUE:" + productId, rules);
+        return failRule(element, kLogText, "INVALID PRODUCT ID VALUE:" + productId, config);
     }
     LOG(INFO) << "pid value print in while--" << productId;
-    rules->vendors.emplace_back(numberOf(vendorId), numberOf(productId));
+    config->vendors.emplace_back(numberOf(vendorId), numberOf(productId));
     return true;
 }
 
-bool readVendor(const XMLElement& element, Rules* rules) {
+bool readVendor(const XMLElement& element, Config* config) {
     const char* attribute = element.Attribute("vendorid");
     if (attribute == nullptr) {
-        return fail("error in ATTRIBUTE value= ", "vendorid TAG NOT PRESENT", rules);
+        return failRule(element, "error in ATTRIBUTE value= ", "vendorid TAG NOT PRESENT", config);
     }
     const std::string vendorId = attribute;
     LOG(INFO) << "vendorid--" << vendorId;
     if (!Util::isValidNumber(vendorId)) {
         const std::string text =
                 vendorId.empty() ? "EMPTY VENDOR ID VALUE" : "INVALID VENDOR ID VALUE:" + vendorId;
-        return fail("error in vid val= ", text, rules);
+        return failRule(element, "error in vid val= ", text, config);
     }
 
     const XMLElement* product = element.FirstChildElement("pid");
     if (product == nullptr) {
         LOG(INFO) << "pid value print in else--";
-        rules->vendors.emplace_back(numberOf(vendorId), ANY_PRODUCT_ID);
+        config->vendors.emplace_back(numberOf(vendorId), ANY_PRODUCT_ID);
         return true;
     }
     // From the first "pid" on, a sibling of any name is a product id: meant.
     for (; product != nullptr; product = product->NextSiblingElement()) {
-        if (!readProduct(vendorId, *product, rules)) return false;
+        if (!readProduct(vendorId, *product, config)) return false;
     }
     return true;
 }
 
-bool readRule(const XMLElement& element, Rules* rules) {
+bool readRule(const XMLElement& element, Config* config) {
     const std::string name = element.Value();
-    if (name == "class") return readClass(element, rules);
-    if (name == "vid") return readVendor(element, rules);
-    return fail("error in class value= ", "INVALID TAG:" + name, rules);
+    if (name == "class") return readClass(element, config);
+    if (name == "vid") return readVendor(element, config);
+    return failRule(element, "error in class value= ", "INVALID TAG:" + name, config);
 }
 
-void readRules(const XMLElement& root, Rules* rules) {
+void readRules(const XMLElement& root, Config* config) {
     const XMLElement* rule = root.FirstChildElement();
     if (rule == nullptr) {
         LOG(INFO) << "no element, blocking all device";
-        xml_parse_status = true;
-        // Whatever the previous parse left there: meant, the callers overwrite it for new rules.
-        rules->status = errorMessage;
+        config->outcome = Config::Outcome::kNoRules;
         return;
     }
     LOG(INFO) << " before while first child element name " << rule->Value();
     for (; rule != nullptr; rule = rule->NextSiblingElement()) {
-        if (!readRule(*rule, rules)) return;
+        if (!readRule(*rule, config)) return;
     }
-    xml_parse_status = true;
+}
+
+void logLoadFailure(const XMLDocument& document) {
+    LOG(ERROR) << "xmlinput --Found error " << document.ErrorID()
+               << " name: " << XMLDocument::ErrorIDToName(document.ErrorID());
+    LOG(ERROR) << "xmlinput -- error string " << document.ErrorStr();
 }
 
 // The document is gone when this returns, before the rules that stay get their memory: behind it
 // they would keep the heap from shrinking.
-Rules readConfig(const std::string& path) {
-    Rules rules;
-    XMLDocument document(/*processEntities=*/true, tinyxml2::PRESERVE_WHITESPACE);
+Config loadConfig(const std::string& path) {
+    ConfigDocument document;
     document.LoadFile(path.c_str());
     xml_parse_status = false;
-    if (document.Error()) {
-        reportLoadFailure(document, &rules);
-        return rules;
-    }
+    Config config = Util::readConfig(document);
+    config.failedAt = nullptr;
+    return config;
+}
 
-    const XMLElement* root = document.FirstChildElement();
-    const std::string name = nameOfRoot(root);
-    if (name != "usbconfig") {
-        reportBadRoot(name, &rules);
-        return rules;
+// What the status file is told of a parse; nothing of rules that are good.
+std::optional<std::string> statusOf(const Config& config) {
+    switch (config.outcome) {
+        case Config::Outcome::kGood:
+            return {};
+        case Config::Outcome::kNoRules:
+            // Whatever the previous parse left there: meant, the callers overwrite it for new
+            // rules.
+            return errorMessage;
+        case Config::Outcome::kBadFile:
+        case Config::Outcome::kNotLoaded:
+            return config.error;
     }
-    if (root->FindAttribute("mode") == nullptr) {
-        reportMissingMode(&rules);
-        return rules;
-    }
-
-    const std::string mode = root->Attribute("mode");
-    LOG(INFO) << "attribute--" << mode;
-    rules.mode = mode;
-    if (mode == "default") {
-        xml_parse_status = true;
-    } else if (mode == "whitelist" || mode == "blacklist") {
-        readRules(*root, &rules);
-    } else {
-        reportBadMode(&rules);
-    }
-    return rules;
 }
 
 // Never destroyed: exit() destroys while other threads still ask.
@@ -307,12 +254,66 @@ bool replaceFile(const std::string& path, const std::string& content) {
     return file != -1 && replaceContent(file, content) && flush(file, path);
 }
 
+Config Util::readConfig(const ConfigDocument& document) {
+    Config config;
+    if (document.Error()) {
+        logLoadFailure(document);
+        config.outcome = Config::Outcome::kNotLoaded;
+        config.error = document.ErrorStr();
+        return config;
+    }
+
+    const XMLElement* root = document.FirstChildElement();
+    const std::string name = nameOfRoot(root);
+    if (name != "usbconfig") {
+        config.logBehind = "Invalid root element --";
+        fail(*root, "INVALID ROOT ELEMENT : " + name, &config);
+        return config;
+    }
+    if (root->FindAttribute("mode") == nullptr) {
+        failRule(*root, "error in ATTRIBUTE MODE value= ", "MODE NOT PRESENT", &config);
+        return config;
+    }
+
+    const std::string mode = root->Attribute("mode");
+    LOG(INFO) << "attribute--" << mode;
+    config.mode = mode;
+    if (mode == "whitelist" || mode == "blacklist") {
+        readRules(*root, &config);
+    } else if (mode != "default") {
+        config.logBehind = "Invalid mode is set in xml--";
+        fail(*root, "INVALID MODE", &config);
+    }
+    return config;
+}
+
+// The rules that stood before are freed without the lock.
+void Util::putInForce(Config config) {
+    ClassRules classes;
+    std::map<int32_t, std::string> classTexts;
+    for (const int32_t code : config.classes) {
+        classes.push_back(code);
+        classTexts.emplace(code, getClassName(code));
+    }
+    VendorRules vendors(config.vendors);
+
+    const AutoMutex lock(rulesLock);
+    if (config.mode) configMode.swap(*config.mode);
+    std::swap(configClassList, classes);
+    configClassMap.swap(classTexts);
+    std::swap(vidPidMap, vendors);
+}
+
 void Util::createMapFromConfig(const std::string& path) {
-    Rules rules = readConfig(path);
+    Config config = loadConfig(path);
+    if (config.outcome == Config::Outcome::kBadFile) errorMessage = config.error;
+    xml_parse_status = config.whole();
+    const std::optional<std::string> status = statusOf(config);
+    const char* const logBehind = config.logBehind;
     // Before the status: whoever has read that finds what it tells of in force.
-    putInForce(&rules);
-    if (rules.status) updateErrorFile(statusFilePath, *rules.status);
-    if (rules.logBehind != nullptr) LOG(ERROR) << rules.logBehind << errorMessage;
+    putInForce(std::move(config));
+    if (status) updateErrorFile(statusFilePath, *status);
+    if (logBehind != nullptr) LOG(ERROR) << logBehind << errorMessage;
     // The document took thirty times the memory of its rules: 43 MB for 100,000 of them.
     mallopt(M_PURGE, 0);
 }

@@ -9,8 +9,11 @@
 #include <algorithm>
 #include <array>
 #include <iterator>
+#include <optional>
 #include <string>
+#include <vector>
 
+#include <tinyxml2.h>
 #include <utils/Mutex.h>
 
 #include "android/kus/constants.h"
@@ -48,6 +51,39 @@ class SourceList {
     size_t size_ = 0;
 };
 
+/** A configuration file as the parser wants it loaded: entities processed, whitespace kept. */
+class ConfigDocument : public tinyxml2::XMLDocument {
+  public:
+    ConfigDocument() : XMLDocument(/*processEntities=*/true, tinyxml2::PRESERVE_WHITESPACE) {}
+};
+
+/** What a configuration file says, up to its first error. */
+struct Config {
+    enum class Outcome {
+        kGood,
+        /** Good as well: a whitelist or blacklist without any rule. */
+        kNoRules,
+        kBadFile,
+        kNotLoaded,
+    };
+
+    bool whole() const { return outcome == Outcome::kGood || outcome == Outcome::kNoRules; }
+
+    Outcome outcome = Outcome::kGood;
+    /** None when the file ends before it tells one: that in force stays. */
+    std::optional<std::string> mode;
+    /** In file order, repeats kept. */
+    std::vector<int32_t> classes;
+    std::vector<VendorRule> vendors;
+
+    /** Of a file that is not whole. */
+    std::string error;
+    /** The bad file's element that has the error; the document's, and no longer there than that. */
+    const tinyxml2::XMLElement* failedAt = nullptr;
+    /** Goes into the log behind the status, with the error: of two failures, meant. */
+    const char* logBehind = nullptr;
+};
+
 /**
  * The administrator's rules: parsing them, asking them, and the files that tell their outcome.
  *
@@ -74,6 +110,15 @@ class Util {
      * restoring the last good file.
      */
     static void createMapFromConfig(const std::string& path) EXCLUDES(rulesLock);
+
+    /**
+     * The same of a loaded document, without anything being changed by it. Both inputs end the
+     * process here as well. Any thread.
+     */
+    static Config readConfig(const ConfigDocument& document);
+
+    /** Replaces the rules in force, all at once. Any thread. */
+    static void putInForce(Config config) EXCLUDES(rulesLock);
 
     /** The code of a name of usbClassTable, matched whole; 0xFFFFFFFF for any other text. */
     static unsigned int convert(const std::string& name);
