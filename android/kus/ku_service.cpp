@@ -43,6 +43,7 @@
 #include <algorithm>
 #include <atomic>
 #include <memory>
+#include <optional>
 #include <utility>
 
 #include <android-base/file.h>
@@ -88,16 +89,15 @@ int directoryWatch = -1;
 bool restored = false;
 std::atomic<bool> observerStopped = false;
 
+using By = KUsbService::Verdict::By;
+
 // What the rules say of a device, before the mode makes a verdict of it.
 struct Match {
-    bool matched = false;
+    By by = By::kNoRule;
     std::string reason;
-};
+    std::optional<int32_t> codeWithoutRule;
 
-struct Verdict {
-    std::string mode;
-    bool allowed;
-    std::string reason;
+    bool matched() const { return by != By::kNoRule; }
 };
 
 bool isUsbDevice(const DeviceInfo& info) {
@@ -114,32 +114,22 @@ bool isPolicySwitchedOff() {
     return property_get_int32("ro.config.device.kus_automation", 0) == 1;
 }
 
-// A USB device of HID interfaces alone, or without any, goes on only as a vendor HID. All others of
-// its kind become input devices, and the input side asks again about those.
-bool passesHidScreening(const DeviceInfo& info) REQUIRES(UsbDevice::mapLock) {
-    for (const int32_t interfaceClass : info.interfaceClasses) {
-        if (interfaceClass == kClassHid) continue;
-        LOG(INFO) << "class is " << interfaceClass << "not HID";
-        UsbDevice::create_usb_device_map();
-        return true;
-    }
-    UsbDevice::create_usb_device_map();
-    if (UsbDevice::check_vendor_hid(info.deviceId)) return true;
-    LOG(INFO) << "The HID device is controlled by Input Subsystem  ";
-    return false;
+std::vector<int32_t>::const_iterator firstBesideHid(const DeviceInfo& info) {
+    return std::find_if(info.interfaceClasses.begin(), info.interfaceClasses.end(),
+                        [](int32_t interfaceClass) { return interfaceClass != kClassHid; });
 }
 
 // Every interface class that is not restricted must have a rule, and there must be one such class.
 Match matchInterfaceClasses(const std::vector<int32_t>& classes) REQUIRES(rulesLock) {
-    Match match = {false, kMatchByClass};
+    Match match = {By::kNoRule, kMatchByClass, {}};
     for (const int32_t code : classes) {
         LOG(INFO) << code << "\n";
         if (Util::validateRestrictedClass(code)) continue;
         if (!Util::validateClass(code)) {
             LOG(INFO) << "interface class check false breaking";
-            return {};
+            return {By::kNoRule, "", code};
         }
-        match.matched = true;
+        match.by = By::kClass;
         const std::string& name = Util::getClassName(code);
         // A code without a name is one blank, which the text holds already: meant.
         if (match.reason.find(name) == std::string::npos) match.reason += name + " ";
@@ -149,13 +139,13 @@ Match matchInterfaceClasses(const std::vector<int32_t>& classes) REQUIRES(rulesL
 
 // Every input source that makes up the device must have a rule.
 Match matchSources(const SourceList& sources) REQUIRES(rulesLock) {
-    Match match = {!sources.empty(), kMatchByClass};
+    Match match = {sources.empty() ? By::kNoRule : By::kClass, kMatchByClass, {}};
     for (const int32_t code : sources) {
         const bool hasRule = Util::validateClass(code);
         LOG(INFO) << "HID multiClass check";
         if (!hasRule) {
             LOG(INFO) << "HID multi class check false breaking";
-            return {};
+            return {By::kNoRule, "", code};
         }
         match.reason += Util::getClassName(code) + " ";
     }
@@ -170,36 +160,26 @@ Match matchClass(const DeviceInfo& info) REQUIRES(rulesLock) {
 Match matchVendor(const DeviceInfo& info) REQUIRES(rulesLock) {
     const std::string vendor = std::to_string(info.vendorId);
     if (Util::validateVid(info.vendorId)) {
-        return {true, "Match by VID, VID : " + vendor};
+        return {By::kVendor, "Match by VID, VID : " + vendor, {}};
     }
     if (Util::validateVidPid(info.vendorId, info.productId)) {
-        return {true, "Match by VID_PID combination, VID : " + vendor +
-                              " PID: " + std::to_string(info.productId)};
+        return {By::kProduct,
+                "Match by VID_PID combination, VID : " + vendor +
+                        " PID: " + std::to_string(info.productId),
+                {}};
     }
     return {};
 }
 
 Match matchRules(const DeviceInfo& info) REQUIRES(rulesLock) {
-    Match match = matchClass(info);
-    if (!match.matched) match = matchVendor(info);
-    return match;
+    Match byClass = matchClass(info);
+    if (byClass.matched()) return byClass;
+    Match byVendor = matchVendor(info);
+    byVendor.codeWithoutRule = byClass.codeWithoutRule;
+    return byVendor;
 }
 
-// Any mode but "default" and "blacklist" is a whitelist, a rejected file's word included.
-Verdict judge(const DeviceInfo& info) {
-    const AutoMutex lock(rulesLock);
-    const std::string mode = Util::getMode();
-    if (mode == kModeDefault) return {mode, true, "Enabled by default rule"};
-    const Match match = matchRules(info);
-    if (mode == kModeBlacklist) {
-        if (match.matched) return {mode, false, "Blacklisted: " + match.reason};
-        return {mode, true, "No matching rule found to Blacklist the device"};
-    }
-    if (match.matched) return {mode, true, "Whitelisted: " + match.reason};
-    return {mode, false, "No matching rule found to Whitelist the device"};
-}
-
-void logDecision(const DeviceInfo& info, const Verdict& verdict) {
+void logDecision(const DeviceInfo& info, const KUsbService::Verdict& verdict) {
     LOG(INFO) << "isDeviceAllowed called with mode: " << verdict.mode
               << " DeviceInfo:= { DeviceId:" << info.deviceId << ", DeviceName: " << info.deviceName
               << ", ClassName: " << Util::getClassName(info.deviceClass) << "[ "
@@ -674,6 +654,40 @@ Status KUsbService::isDeviceAllowed(const DeviceInfo& info, bool* result) {
     }
     *result = isUsbDevice(info) ? isUsbDeviceAllowed(info) : isInputDeviceAllowed(info);
     return Status::ok();
+}
+
+bool KUsbService::isHidAlone(const DeviceInfo& info) {
+    return firstBesideHid(info) == info.interfaceClasses.end();
+}
+
+bool KUsbService::passesHidScreening(const DeviceInfo& info) {
+    if (!isHidAlone(info)) {
+        LOG(INFO) << "class is " << *firstBesideHid(info) << "not HID";
+        UsbDevice::create_usb_device_map();
+        return true;
+    }
+    UsbDevice::create_usb_device_map();
+    if (UsbDevice::check_vendor_hid(info.deviceId)) return true;
+    LOG(INFO) << "The HID device is controlled by Input Subsystem  ";
+    return false;
+}
+
+KUsbService::Verdict KUsbService::judge(const DeviceInfo& info) {
+    const AutoMutex lock(rulesLock);
+    const std::string mode = Util::getMode();
+    if (mode == kModeDefault) return {mode, true, "Enabled by default rule", By::kMode, {}};
+    const Match match = matchRules(info);
+    Verdict verdict = {mode, false, "", match.by, match.codeWithoutRule};
+    if (mode == kModeBlacklist) {
+        verdict.allowed = !match.matched();
+        verdict.reason = match.matched() ? "Blacklisted: " + match.reason
+                                         : "No matching rule found to Blacklist the device";
+    } else {
+        verdict.allowed = match.matched();
+        verdict.reason = match.matched() ? "Whitelisted: " + match.reason
+                                         : "No matching rule found to Whitelist the device";
+    }
+    return verdict;
 }
 
 bool KUsbService::isUsbDeviceAllowed(const DeviceInfo& info) {

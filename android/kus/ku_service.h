@@ -7,6 +7,7 @@
 
 #include <map>
 #include <memory>
+#include <optional>
 #include <string>
 #include <vector>
 
@@ -22,6 +23,7 @@
 #include <utils/Vector.h>
 
 #include "android/kus/constants.h"
+#include "android/kus/usbdevice.h"
 
 namespace android::kus {
 
@@ -68,6 +70,41 @@ class KUsbService : public BnKUsbService {
     binder::Status isDeviceAllowed(const DeviceInfo& info, bool* result) override;
     /** 0 or less flips every controller, else a virtual dock of that many ms; waits for its end. */
     binder::Status resetUsbDevices(int32_t value) override;
+
+    // --- Decision ------------------------------------------------------------------------------
+
+    /** A verdict, and how it came about. */
+    struct Verdict {
+        enum class By { kMode, kClass, kVendor, kProduct, kNoRule };
+
+        /** The mode in force when it was made. */
+        std::string mode;
+        bool allowed = false;
+        /** As the record has it. */
+        std::string reason;
+        /** What kind of rule matched. */
+        By by = By::kNoRule;
+        /** The interface class or input source at which the class test ended without a match. */
+        std::optional<int32_t> codeWithoutRule;
+    };
+
+    /**
+     * Are all its interfaces HID, or has it none? Such a USB device goes to the rules only as a
+     * vendor HID.
+     */
+    static bool isHidAlone(const DeviceInfo& info);
+
+    /**
+     * Rescans sysfs; false for a USB device that goes no further: it becomes input devices, and the
+     * input side asks again about those.
+     */
+    static bool passesHidScreening(const DeviceInfo& info) REQUIRES(UsbDevice::mapLock);
+
+    /**
+     * What the rules in force say, as one answer of one file. Any mode but "default" and
+     * "blacklist" is a whitelist, a rejected file's word included. Changes nothing; any thread.
+     */
+    static Verdict judge(const DeviceInfo& info) EXCLUDES(rulesLock);
 
     // --- Diagnostics ---------------------------------------------------------------------------
 
