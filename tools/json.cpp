@@ -29,6 +29,15 @@ std::string escaped(char c) {
     return {c};
 }
 
+// The values, each as |text| writes it.
+template <typename Value, typename Text>
+std::string array(const std::vector<Value>& values, Text text) {
+    std::vector<std::string> texts;
+    texts.reserve(values.size());
+    for (const Value& value : values) texts.push_back(text(value));
+    return "[" + android::base::Join(texts, ",") + "]";
+}
+
 }  // namespace
 
 std::string jsonQuote(std::string_view text) {
@@ -51,6 +60,14 @@ JsonObject& JsonObject::addNumbers(std::string_view name, const std::vector<int3
 
 JsonObject& JsonObject::addFlag(std::string_view name, bool value) {
     return addRaw(name, value ? "true" : "false");
+}
+
+JsonObject& JsonObject::addTexts(std::string_view name, const std::vector<std::string>& values) {
+    return addRaw(name, array(values, jsonQuote));
+}
+
+JsonObject& JsonObject::addObjects(std::string_view name, const std::vector<JsonObject>& values) {
+    return addRaw(name, array(values, [](const JsonObject& value) { return value.str(); }));
 }
 
 std::string JsonObject::str() const {

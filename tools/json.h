@@ -27,6 +27,8 @@ class JsonObject {
     JsonObject& addNumber(std::string_view name, int64_t value);
     JsonObject& addNumbers(std::string_view name, const std::vector<int32_t>& values);
     JsonObject& addFlag(std::string_view name, bool value);
+    JsonObject& addTexts(std::string_view name, const std::vector<std::string>& values);
+    JsonObject& addObjects(std::string_view name, const std::vector<JsonObject>& values);
 
     /** The object so far, without a line end. */
     std::string str() const;

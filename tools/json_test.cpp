@@ -37,5 +37,17 @@ TEST(JsonObject, KeepsTheOrderAndTheKindsOfItsMembers) {
     EXPECT_EQ(R"({"t":"x","n":-5,"yes":true,"no":false,"some":[8,-1,3],"none":[]})", object.str());
 }
 
+TEST(JsonObject, HoldsArraysOfTextsAndOfObjects) {
+    JsonObject first;
+    first.addNumber("n", 1);
+    JsonObject object;
+    object.addTexts("texts", {"a\"b", "", "\xff"}).addTexts("no texts", {});
+    object.addObjects("objects", {first, JsonObject()}).addObjects("no objects", {});
+    EXPECT_EQ(
+            "{\"texts\":[\"a\\\"b\",\"\",\"\xef\xbf\xbd\"],\"no texts\":[],"
+            "\"objects\":[{\"n\":1},{}],\"no objects\":[]}",
+            object.str());
+}
+
 }  // namespace
 }  // namespace android::kus::tools
