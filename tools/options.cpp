@@ -21,14 +21,20 @@ Parsed<Options> Options::parse(const std::vector<std::string>& args,
             options.words_.push_back(*arg);
             continue;
         }
-        const std::string name = arg->substr(2);
-        if (options.has(name)) return wrong(*arg + " is given twice");
+        const size_t equals = arg->find('=');
+        const bool attached = equals != std::string::npos;
+        const std::string option = arg->substr(0, equals);
+        const std::string name = option.substr(2);
+        if (options.has(name)) return wrong(option + " is given twice");
         if (flags.count(name) != 0) {
+            if (attached) return wrong(option + " takes no value");
             options.values_[name] = "";
         } else if (valued.count(name) == 0) {
-            return wrong("unknown option " + *arg);
+            return wrong("unknown option " + option);
+        } else if (attached) {
+            options.values_[name] = arg->substr(equals + 1);
         } else if (arg + 1 == args.end()) {
-            return wrong(*arg + " needs a value");
+            return wrong(option + " needs a value");
         } else {
             options.values_[name] = *++arg;
         }

@@ -46,6 +46,15 @@ TEST(Options, ValueMayLookLikeAnOption) {
     EXPECT_EQ("--json", parse({"--wait", "--json"})->text("wait", ""));
 }
 
+TEST(Options, ValueMayHangOnItsOption) {
+    EXPECT_EQ("5", parse({"--wait=5"})->text("wait", ""));
+    EXPECT_EQ("a=b", parse({"--wait=a=b"})->text("wait", ""));
+    EXPECT_EQ("", parse({"--wait="})->text("wait", "none"));
+    EXPECT_EQ("--json takes no value", errorOf({"--json=1"}));
+    EXPECT_EQ("unknown option --nothing", errorOf({"--nothing=1"}));
+    EXPECT_EQ("--wait is given twice", errorOf({"--wait=1", "--wait", "2"}));
+}
+
 TEST(Options, WrongOptionsAreNamed) {
     EXPECT_EQ("unknown option --nothing", errorOf({"--nothing"}));
     EXPECT_EQ("--wait needs a value", errorOf({"--wait"}));
