@@ -32,6 +32,10 @@ void printLine(const std::string& line) {
     std::cout << line << std::endl;
 }
 
+void printEvent(const char* event, const DeviceInfo& device) {
+    printLine(eventObject(event, device).str());
+}
+
 ExitStatus noAnswer(const std::string& why) {
     std::cerr << "kus-client: the daemon did not answer: " << why << "\n";
     return kNoAnswer;
@@ -124,7 +128,7 @@ ExitStatus watch(ServiceLink* link, const ClientRequest& request) {
     const base::unique_fd limitFd(eventfd(0, EFD_CLOEXEC));
     if (limitFd.get() == -1) PLOG(FATAL) << "Cannot make an eventfd";
     const sp<WatchCallback> callback =
-            new WatchCallback(printLine, request.count, [fd = limitFd.get()] {
+            new WatchCallback(printEvent, request.count, [fd = limitFd.get()] {
                 if (eventfd_write(fd, 1) == -1) PLOG(FATAL) << "Cannot end the watch";
             });
     WatchSession session(service, callback, printLine);

@@ -31,9 +31,15 @@ void pause(std::chrono::milliseconds time) {
 
 }  // namespace
 
+std::string binderProblem() {
+    if (access(kBinderDevice, R_OK | W_OK) == 0) return "";
+    return std::string(kBinderDevice) + ": " + strerror(errno);
+}
+
 bool haveBinder() {
-    if (access(kBinderDevice, R_OK | W_OK) == 0) return true;
-    std::cerr << kBinderDevice << ": " << strerror(errno) << "\n";
+    const std::string problem = binderProblem();
+    if (problem.empty()) return true;
+    std::cerr << problem << "\n";
     return false;
 }
 

@@ -4,6 +4,7 @@
 #pragma once
 
 #include <chrono>
+#include <string>
 
 #include <android-base/unique_fd.h>
 #include <android/kus/IKUsbService.h>
@@ -13,9 +14,12 @@
 namespace android::kus::tools {
 
 /**
- * Is there a binder driver? Says on standard error what is missing if not. Without one the first
- * use of binder would abort the process.
+ * Why there is no binder driver to use, empty if there is one. Without one the first use of binder
+ * would abort the process.
  */
+std::string binderProblem();
+
+/** Is there a binder driver? Says on standard error what is missing if not. */
 bool haveBinder();
 
 /**

@@ -4,9 +4,14 @@
 #include "tools/watch.h"
 
 #include "tools/device_text.h"
-#include "tools/json.h"
 
 namespace android::kus::tools {
+
+JsonObject eventObject(const char* event, const DeviceInfo& device) {
+    JsonObject object;
+    object.addText("event", event);
+    return addDeviceInfo(&object, device);
+}
 
 binder::Status WatchCallback::onDeviceAdded(const DeviceInfo& device) {
     tell("added", device);
@@ -21,9 +26,7 @@ binder::Status WatchCallback::onDeviceRemoved(const DeviceInfo& device) {
 void WatchCallback::tell(const char* event, const DeviceInfo& device) {
     const Mutex::Autolock lock(mutex_);
     if (limit_ != 0 && told_ == limit_) return;
-    JsonObject object;
-    object.addText("event", event);
-    sink_(addDeviceInfo(&object, device).str());
+    sink_(event, device);
     told_++;
     if (told_ == limit_) atLimit_();
 }
@@ -69,7 +72,8 @@ binder::Status WatchSession::unregisterOnce() {
 }
 
 binder::Status WatchSession::unregisterUnknown() const {
-    return service_->unregisterKusCallback(new WatchCallback([](const std::string&) {}, 0, [] {}));
+    return service_->unregisterKusCallback(
+            new WatchCallback([](const char*, const DeviceInfo&) {}, 0, [] {}));
 }
 
 }  // namespace android::kus::tools

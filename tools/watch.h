@@ -13,19 +13,27 @@
 #include <utils/Mutex.h>
 #include <utils/StrongPointer.h>
 
+#include "tools/json.h"
+
 namespace android::kus::tools {
 
 /** Takes each line without its line end. */
 using LineSink = std::function<void(const std::string&)>;
 
+/** The coming or going of a USB device: "added" or "removed", and the record. */
+using EventSink = std::function<void(const char* event, const DeviceInfo& device)>;
+
+/** {"event":"added"|"removed", the record's eleven fields} */
+JsonObject eventObject(const char* event, const DeviceInfo& device);
+
 /**
- * Tells of each event in one JSON line: {"event":"added"|"removed", the record's eleven fields}.
- * Calls may come on several binder threads; lines go out one at a time.
+ * Tells of each event. Calls may come on several binder threads; events go out one at a time, and
+ * the daemon waits for each.
  */
 class WatchCallback : public BnKUsbServiceCallback {
   public:
     /** After |limit| events (0: never) |atLimit| is called once and later events are not told. */
-    WatchCallback(LineSink sink, int32_t limit, std::function<void()> atLimit)
+    WatchCallback(EventSink sink, int32_t limit, std::function<void()> atLimit)
         : sink_(std::move(sink)), atLimit_(std::move(atLimit)), limit_(limit) {}
 
     binder::Status onDeviceAdded(const DeviceInfo& device) override;
@@ -34,7 +42,7 @@ class WatchCallback : public BnKUsbServiceCallback {
   private:
     void tell(const char* event, const DeviceInfo& device);
 
-    const LineSink sink_;
+    const EventSink sink_;
     const std::function<void()> atLimit_;
     const int32_t limit_;
     Mutex mutex_;

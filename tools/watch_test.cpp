@@ -19,7 +19,11 @@ using Lines = std::vector<std::string>;
 class Watch : public testing::Test {
   protected:
     sp<WatchCallback> callback(int32_t limit) {
-        return new WatchCallback(sink(), limit, [this] { atLimit_++; });
+        return new WatchCallback(
+                [sink = sink()](const char* event, const DeviceInfo& device) {
+                    sink(eventObject(event, device).str());
+                },
+                limit, [this] { atLimit_++; });
     }
 
     LineSink sink() {
