@@ -1,0 +1,8 @@
+// Copyright (C) 2026 The kusd authors
+// SPDX-License-Identifier: Apache-2.0
+
+package android.os;
+
+public class DeadObjectException extends RemoteException {
+    private static final long serialVersionUID = 1;
+}
