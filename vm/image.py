@@ -15,7 +15,8 @@ What goes in:
   to load them in. One of them, kus_soc, is the terminal's own (vm/module/). The dependencies are
   read from the modules themselves: a kernel package that was unpacked and not installed carries no
   modules.dep;
-* the terminal's programs, without their debug information, and the shared libraries they need.
+* the terminal's programs, without their debug information, and the shared libraries they need;
+* kusd.rc, by which a terminal's init starts the daemon, and this one's.
 
 The archive is written anew only when something that goes into it has changed.
 """
@@ -75,15 +76,19 @@ DISK_MODULES: dict[str, str] = {
 }
 
 # Where a program comes from decides nothing about where it goes: all are in the terminal's PATH.
-PROGRAMS = ("kusd", "kus-hotplug", "kus-client")
+PROGRAMS = ("kusd", "kus-hotplug", "kus-client", "kusctl")
 PLATFORM_PROGRAMS = ("servicemanager", "service", "getprop", "setprop", "watchprops")
 CHANNEL = "vm-channel"
+# What stands in for init's own code when it starts this daemon by its file.
+DAEMON = "kusd"
+RIGHTS_PROGRAM = "setpriv"
 # For tests alone.
-TEST_PROGRAMS = ("kus-hostile", "vm-steps")
+TEST_PROGRAMS = ("kus-example-client", "kus-hostile", "vm-steps")
 
 TRIPLET = "aarch64-linux-gnu"
 LIBRARY_DIR = f"lib/{TRIPLET}"
 PROGRAM_DIR = "system/bin"
+INIT_DIR = "system/etc/init"
 IMAGES_KEPT = 4
 
 BUSYBOX_DIRECTORIES = ("bin", "sbin")
@@ -212,6 +217,7 @@ class Sources:
     platform: Path = BUILD / "platform/arm64"
     programs: Path = BUILD / "arm64"
     rootfs: Path = ROOT / "vm/rootfs"
+    init_file: Path = ROOT / "android/kus/kusd.rc"
     output: Path = BUILD / "vm"
     # Directories with Debian packages, for programs that the terminal itself does without.
     others: tuple[Path, ...] = ()
@@ -243,7 +249,7 @@ class Sources:
         raise ImageError(f"no busybox in {self.sysroot}: host/setup gets it (busybox-static)")
 
     def program(self, name: str) -> Path:
-        directories = [self.programs / "bin", self.platform / "bin"]
+        directories = [self.programs / "bin", self.platform / "bin", self.sysroot / "usr/bin"]
         directories += [other / place for other in self.others for place in ("usr/bin", "usr/sbin")]
         for directory in directories:
             if (directory / name).is_file():
@@ -363,6 +369,13 @@ def _program_entries(sources: Sources, names: Iterable[str]) -> Iterator[Entry]:
         yield _file(f"{directory}/{name}", path)
 
 
+def init_entries(sources: Sources) -> Iterator[Entry]:
+    """The file by which init starts the daemon, as a terminal has it."""
+    yield _directory("system/etc")
+    yield _directory(INIT_DIR)
+    yield _file(f"{INIT_DIR}/{sources.init_file.name}", sources.init_file, 0o644)
+
+
 def _script_entries(sources: Sources) -> Iterator[Entry]:
     for path in sorted(sources.rootfs.rglob("*")):
         name = str(path.relative_to(sources.rootfs))
@@ -386,7 +399,11 @@ def entries(sources: Sources, programs: Iterable[str]) -> list[Entry]:
     wanted.append(Entry("dev/console", stat.S_IFCHR | 0o600, device=(5, 1)))
     wanted += _busybox_entries(sources)
     wanted += _module_entries(sources)
-    wanted += _program_entries(sources, list(programs))
+    names = list(programs)
+    if DAEMON in names:
+        names.append(RIGHTS_PROGRAM)
+        wanted += init_entries(sources)
+    wanted += _program_entries(sources, names)
     wanted += _script_entries(sources)
     return list({entry.name: entry for entry in wanted}.values())
 

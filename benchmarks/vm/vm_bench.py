@@ -159,7 +159,8 @@ def daemon(terminal: Terminal, rules: str, info: bool = True) -> Iterator[int]:
     Gives its process id."""
     terminal.write_file(CONFIG_FILE, rules)
     environment = "" if info else "env LD_PRELOAD=/system/bin/bench-warning.so "
-    terminal.write_file("/etc/services/kusd", f"#!/bin/sh\nexec {environment}kusd\n")
+    terminal.write_file("/etc/services/kusd",
+                        f"#!/bin/sh\nexec init-rc rights kusd {environment}kusd\n")
     pid = terminal.start("kusd")
     terminal.check_output(["kus-client", "ping", "--wait", str(int(TIMEOUT))])
     yield pid
@@ -452,8 +453,7 @@ class Bench:
         """As Debian's package starts it, with its configuration and with rules."""
         self._terminal.check_output(
             "mkdir -p /etc/usbguard/rules.d /etc/usbguard/IPCAccessControl.d /var/log/usbguard "
-            "/var/run; echo root:x:0:0:root:/root:/bin/sh > /etc/passwd; "
-            "echo root:x:0: > /etc/group; umask 077; : > /etc/usbguard/rules.conf")
+            "/var/run; umask 077; : > /etc/usbguard/rules.conf")
         configuration = (OTHER_PROGRAMS / "etc/usbguard/usbguard-daemon.conf").read_bytes()
         for path, content in (("usbguard-daemon.conf", configuration),
                               ("rules.conf", USBGUARD_RULES.encode())):

@@ -33,6 +33,12 @@ CONFIG_DIR = "/data/system/usbdeviceconfig"
 CONFIG_FILE = f"{CONFIG_DIR}/usb_device_config.xml"
 BACKUP_FILE = f"{CONFIG_DIR}/usb_device_config_backup.xml"
 STATUS_FILE = f"{CONFIG_DIR}/status.txt"
+# Makes it anew, as init makes it.
+MAKE_CONFIG_DIR = (f"rm -rf {CONFIG_DIR} && mkdir -m 0770 {CONFIG_DIR} && "
+                   f"chown system:system {CONFIG_DIR}")
+# The daemon by hand, and its start-up task, with the rights that init gives each.
+RUN_DAEMON = "init-rc rights kusd kusd"
+RUN_TASKS = "init-rc rights kusd-startup-tasks kusd run-startup-tasks"
 PROPERTY_DIR = "/run/kus-properties"
 AUTOMATION = "ro.config.device.kus_automation"
 
@@ -440,7 +446,8 @@ class DaemonTestCase(unittest.TestCase):
         content = self.terminal.read_file(script)
         self.addCleanup(self.terminal.write_file, script, content)
         self.terminal.write_file(script, "#!/bin/sh\nexport MALLOC_ARENA_MAX=1\n"
-                                 "export GLIBC_TUNABLES=glibc.malloc.tcache_count=0\nexec kusd\n")
+                                 "export GLIBC_TUNABLES=glibc.malloc.tcache_count=0\n"
+                                 "exec init-rc service kusd\n")
 
     def memory(self, pid: int) -> int:
         """What a process uses of its own memory, in KB: counted page by page, for the figures in

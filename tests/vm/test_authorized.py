@@ -8,7 +8,7 @@ the byte '0' for every interface that it has, so it has to be brought to an erro
 
     ENOENT  the device is unplugged between the look at it and the open
     ENODEV  it is unplugged between the open and the write
-    EACCES  the daemon is not root, and the file is root's
+    EACCES  the file is root's, and the daemon has not its capability
     EINVAL  another file of the kernel's lies over it, a controller's mode, for which 0 is no word:
             to the daemon's '0' an interface's own file never says this
 """
@@ -21,7 +21,7 @@ import os
 import unittest
 from typing import NamedTuple
 
-from support import (CONFIG_DIR, TIMEOUT, DaemonTestCase, Process, parse_log_line,
+from support import (CONFIG_DIR, RUN_DAEMON, TIMEOUT, DaemonTestCase, Process, parse_log_line,
                      policy)
 from vm.devices import GADGET_STORAGE, PRINTER, VENDOR_HID, Device, Gadget, InterfaceState
 from vm.terminal import HSUSB, Plugged
@@ -77,7 +77,6 @@ class AuthorizedTest(DaemonTestCase):
     def setUpClass(cls) -> None:
         super().setUpClass()
         cls.terminal.stop("kusd")
-        cls.terminal.write_file("/etc/passwd", f"system:x:{SYSTEM}:{SYSTEM}:::\n")
 
     def setUp(self) -> None:
         super().setUp()
@@ -190,21 +189,20 @@ class AuthorizedTest(DaemonTestCase):
         daemon.lines()
 
     def test_unplugged_before_the_open(self) -> None:
-        daemon = self.run_daemon("vm-steps '*/authorized' kusd")
+        daemon = self.run_daemon(f"vm-steps '*/authorized' {RUN_DAEMON}")
         for failed in FAILED:
             with self.subTest(failed):
                 self.unplug_before(daemon, "open", failed, CANNOT_OPEN, errno.ENOENT)
 
     def test_unplugged_before_the_write(self) -> None:
-        daemon = self.run_daemon("vm-steps '*/authorized' kusd")
+        daemon = self.run_daemon(f"vm-steps '*/authorized' {RUN_DAEMON}")
         for failed in FAILED:
             with self.subTest(failed):
                 self.unplug_before(daemon, "write", failed, CANNOT_WRITE, errno.ENODEV)
 
     def test_file_is_not_the_daemons(self) -> None:
         self.terminal.check_output(f"chown -R {SYSTEM} {CONFIG_DIR}")
-        self.addCleanup(self.terminal.check_output, f"chown -R 0 {CONFIG_DIR}")
-        daemon = self.run_daemon(f"start-stop-daemon -S -c {SYSTEM} -x /system/bin/kusd")
+        daemon = self.run_daemon("init-rc rights kusd-startup-tasks kusd")
         self.assertEqual(
             self.terminal.check_output("stat -c %u /proc/$(pidof kusd)").strip(), str(SYSTEM))
         for failed in FAILED:

@@ -10,9 +10,9 @@ import unittest
 from collections.abc import Callable, Iterable
 from typing import NamedTuple
 
-from support import (BACKUP_FILE, CONFIG_DIR, CONFIG_FILE, DEFAULT_POLICY, STATUS_FILE, TIMEOUT,
-                     DaemonTestCase, LogLine, Process, Stream, class_rule, parse_log_line, policy,
-                     vendor_rule)
+from support import (BACKUP_FILE, CONFIG_DIR, CONFIG_FILE, DEFAULT_POLICY, MAKE_CONFIG_DIR,
+                     RUN_DAEMON, STATUS_FILE, TIMEOUT, DaemonTestCase, LogLine, Process, Stream,
+                     class_rule, parse_log_line, policy, vendor_rule)
 from vm.devices import KEYBOARD, SERIAL, STORAGE
 from vm.terminal import HSUSB, SSUSB
 
@@ -116,11 +116,11 @@ class LastWordsTest(CrashTestCase):
 
     def setUp(self) -> None:
         super().setUp()
-        self.terminal.check_output(f"rm -rf {CONFIG_DIR} && mkdir -m 0770 {CONFIG_DIR}")
+        self.terminal.check_output(MAKE_CONFIG_DIR)
 
     def run_daemon(self) -> Process:
         """Starts the daemon under a shell that tells of its end."""
-        daemon = Process(self.terminal, ["sh", "-c", 'kusd 2>&1; echo "status $?"'])
+        daemon = Process(self.terminal, ["sh", "-c", f'{RUN_DAEMON} 2>&1; echo "status $?"'])
         self.addCleanup(self.end, daemon)
         self.lines: list[LogLine] = []
         self.status: int | None = None

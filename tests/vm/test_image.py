@@ -63,6 +63,11 @@ class ImageTest(unittest.TestCase):
             self.assertIn(f"{image.LIBRARY_DIR}/{library}", names)
         self.assertIn("lib/ld-linux-aarch64.so.1", names)
 
+    def test_daemon_brings_its_init_file_and_what_gives_it_its_rights(self) -> None:
+        own = {"system/etc/init/kusd.rc", f"{image.PROGRAM_DIR}/setpriv"}
+        self.assertLessEqual(own, set(self.names(("kusd",))))
+        self.assertEqual(own & set(self.names((image.CHANNEL,))), set())
+
     def test_modules_come_after_what_they_depend_on(self) -> None:
         entries = {entry.name: entry for entry in image.entries(self.sources, ())}
         order = [line.split()[0] for line in entries["etc/modules"].content.decode().splitlines()]

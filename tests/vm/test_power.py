@@ -39,8 +39,8 @@ from collections.abc import Callable, Iterator
 from pathlib import Path
 from typing import NamedTuple
 
-from support import (BACKUP_FILE, CONFIG_DIR, CONFIG_FILE, STATUS_FILE, TIMEOUT, DaemonTestCase,
-                     Process, figure, parse_log_line, policy, vendor_rule)
+from support import (BACKUP_FILE, CONFIG_DIR, CONFIG_FILE, RUN_DAEMON, RUN_TASKS, STATUS_FILE,
+                     TIMEOUT, DaemonTestCase, Process, figure, parse_log_line, policy, vendor_rule)
 from vm.terminal import HSUSB, SSUSB, Terminal, TerminalDied
 
 DISK = "/dev/vda"
@@ -133,7 +133,7 @@ def replacing(*names: str) -> frozenset[tuple[str, str]]:
 
 
 CONFIG, BACKUP, STATUS = (Path(path).name for path in FILES)
-SERVE = "exec kusd 2>&1"
+SERVE = f"exec {RUN_DAEMON} 2>&1"
 
 FIRST_START = Sequence(
     "first start", State(DEFAULT, None, None), SERVE, None, WATCHING,
@@ -217,7 +217,7 @@ CRASH = Sequence(
                    State(OLD, OLD, UNABLE)]})
 
 STARTUP_TASK = Sequence(
-    "startup task", State(None, None, None), "exec kusd run-startup-tasks 2>&1", None, "exit: 0",
+    "startup task", State(None, None, None), f"exec {RUN_TASKS} 2>&1", None, "exit: 0",
     replacing(CONFIG),
     {Weather.NOTHING: [State(None, None, None), State(DEFAULT, None, None)],
      Weather.NAMES: [State(None, None, None), State(b"", None, None), State(DEFAULT, None, None)],
@@ -226,7 +226,9 @@ STARTUP_TASK = Sequence(
 SEQUENCES = (FIRST_START, START, GOOD_FILE, BAD_FILE, CRASH, STARTUP_TASK)
 
 
-MOUNT = f"mount -t ext4 -o noauto_da_alloc,commit=600 {DISK} {MOUNT_POINT}"
+# The directory becomes the daemon's user's: the disk was made by who runs the tests.
+MOUNT = (f"mount -t ext4 -o noauto_da_alloc,commit=600 {DISK} {MOUNT_POINT} && "
+         f"chown system:system {CONFIG_DIR}")
 UNMOUNT = f"umount {MOUNT_POINT}"
 SHOW_FILES = "; ".join(f"if [ -e {path} ]; then echo yes $(base64 -w 0 {path}); else echo no; fi"
                        for path in FILES)
@@ -363,8 +365,8 @@ class PowerTestCase(DaemonTestCase):
         self.terminal.wait_until(
             lambda: self.terminal.run("kus-client ping").status == NO_SERVICE, TIMEOUT,
             "the service manager to forget the last daemon")
-        daemon = Process(self.terminal, ["sh", "-c", "kusd run-startup-tasks 2> /dev/null; "
-                                         'kusd 2>&1; echo "exit: $?"'])
+        daemon = Process(self.terminal, ["sh", "-c", f"{RUN_TASKS} 2> /dev/null; "
+                                         f'{RUN_DAEMON} 2>&1; echo "exit: $?"'])
         try:
             status = self.exit_status(daemon)
             allowed = None

@@ -6,8 +6,9 @@ from __future__ import annotations
 
 import unittest
 
-from support import (BACKUP_FILE, BAD_FILES, CONFIG_DIR, CONFIG_FILE, DEFAULT_POLICY, NO_XML,
-                     STATUS_FILE, DaemonTestCase, Process, parse_log_line, policy)
+from support import (BACKUP_FILE, BAD_FILES, CONFIG_DIR, CONFIG_FILE, DEFAULT_POLICY,
+                     MAKE_CONFIG_DIR, NO_XML, RUN_DAEMON, RUN_TASKS, STATUS_FILE, DaemonTestCase,
+                     Process, parse_log_line, policy)
 
 DEFAULT_FILE = (b'<?xml version="1.0" encoding="UTF-8"?>\n'
                 b'<usbconfig mode="default">\n'
@@ -25,7 +26,7 @@ class StartupTestCase(DaemonTestCase):
 
     def setUp(self) -> None:
         super().setUp()
-        self.terminal.check_output(f"rm -rf {CONFIG_DIR} && mkdir -m 0770 {CONFIG_DIR}")
+        self.terminal.check_output(MAKE_CONFIG_DIR)
         self.addCleanup(self.stop_daemon_that_runs)
 
     def stop_daemon_that_runs(self) -> None:
@@ -37,7 +38,7 @@ class StartupTestCase(DaemonTestCase):
 
 
 class StartupTaskTest(StartupTestCase):
-    def run_task(self, command: str = "kusd run-startup-tasks") -> list[str]:
+    def run_task(self, command: str = RUN_TASKS) -> list[str]:
         """Runs the task, which succeeds whatever it finds, and returns what it logs."""
         result = self.terminal.run(command)
         self.assertEqual((result.status, result.stdout), (0, ""))
@@ -86,13 +87,14 @@ class StartupTaskTest(StartupTestCase):
                 self.assertEqual(self.terminal.check_output("find /data"), before)
 
     def test_more_arguments_do_not_matter(self) -> None:
-        self.assertRegex(self.run_task("kusd run-startup-tasks and more")[0], "argc: 4and argv: ")
+        self.assertRegex(self.run_task(f"{RUN_TASKS} and more")[0], "argc: 4and argv: ")
         self.assertEqual(self.terminal.read_file(CONFIG_FILE), DEFAULT_FILE)
 
     def test_any_other_first_argument_starts_the_service(self) -> None:
         for argument in ("run-startup-tasks ", "RUN-STARTUP-TASKS", ""):
             with self.subTest(argument):
-                daemon = Process(self.terminal, ["sh", "-c", 'exec kusd "$1" 2>&1', "", argument])
+                daemon = Process(self.terminal, ["sh", "-c", f'exec {RUN_DAEMON} "$1" 2>&1', "",
+                                                  argument])
                 self.addCleanup(daemon.kill)
                 while REGISTERED not in daemon.next_line():
                     pass
@@ -230,7 +232,7 @@ class RegistrationTest(StartupTestCase):
     def test_second_daemon_registers_but_the_first_keeps_the_name_until_it_ends(self) -> None:
         self.start_daemon()
         client = self.watcher()
-        second = Process(self.terminal, ["sh", "-c", "exec kusd 2>&1"])
+        second = Process(self.terminal, ["sh", "-c", f"exec {RUN_DAEMON} 2>&1"])
         self.addCleanup(second.kill)
         # The thread that registers and the observer that it starts speak in either order.
         started: dict[str, int] = {}
