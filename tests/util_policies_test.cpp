@@ -146,7 +146,8 @@ TEST(UtilPolicies, FailWithTheErrorsOfTheParserAlone) {
 
 // The position's place in the document, or npos when that has no such place.
 size_t offsetOf(const std::string& document, const Position& position) {
-    size_t begin = 0;
+    const bool marked = document.compare(0, 3, "\xef\xbb\xbf") == 0;
+    size_t begin = marked ? 3 : 0;
     for (int line = 1; line < position.line; ++line) {
         const size_t end = document.find('\n', begin);
         if (end == std::string::npos) return end;
