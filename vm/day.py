@@ -38,6 +38,7 @@ CONFIG_DIR = "/data/system/usbdeviceconfig"
 CONFIG_FILE = f"{CONFIG_DIR}/usb_device_config.xml"
 BACKUP_FILE = f"{CONFIG_DIR}/usb_device_config_backup.xml"
 STATUS_FILE = f"{CONFIG_DIR}/status.txt"
+DRAFT_FILE = "/tmp/draft.xml"
 DAEMON_LOG = "/data/log/kusd.log"
 
 PAUSE = 2.0
@@ -235,6 +236,8 @@ class Day:
                 self.missing += 1
                 print(f" BAD  no verdict for {expected.device.name} ({expected.kind.value})")
             self._pause()
+        print("\n-- what is on record at the end of the day")
+        self._show("kusctl", "list")
         self._unplug()
         self._count_unasked_verdicts()
         self._check_exits()
@@ -259,6 +262,9 @@ class Day:
         self._require_status(chapter.status)
 
     def _write_bad_rules(self, chapter: Chapter, _: list[Expected]) -> None:
+        # An administrator would have asked first.
+        self._terminal.write_file(DRAFT_FILE, chapter.text)
+        self._show("kusctl", "check", DRAFT_FILE)
         self._skip_log()
         self._write(chapter.text)
         self._log.wait_for(f"{RESTORED}$", VERDICT_TIMEOUT)
@@ -283,6 +289,13 @@ class Day:
 
     def _reset(self, *_: object) -> None:
         self._terminal.check_output(["kus-client", "reset", "0"])
+
+    def _show(self, *command: str) -> None:
+        """Runs a command in the terminal as a person there sees it."""
+        print(f"   $ {' '.join(command)}")
+        for line in self._terminal.run(list(command)).stdout.splitlines():
+            print(f"   {line}".rstrip())
+        sys.stdout.flush()
 
     def _skip_log(self) -> None:
         """Passes over what the daemon has logged before the last command's end."""

@@ -7,7 +7,9 @@ from __future__ import annotations
 
 import contextlib
 import dataclasses
+import functools
 import io
+import re
 import sys
 import unittest
 from pathlib import Path
@@ -32,13 +34,38 @@ def chapter(*expected: day.Expected) -> tuple[day.Chapter, ...]:
     return (day.Chapter("", day.Begin.PLUG, expected),)
 
 
+@functools.cache
+def whole_day() -> tuple[int, str]:
+    return live(day.DAY)
+
+
+def without_figures(line: str) -> str:
+    """Times, and ids that the kernel gives, are another day's."""
+    line = re.sub(r" +[0-9]+\.[0-9] s", " N s", line.strip())
+    line = re.sub(r"\binput[0-9]+", "inputN", line)
+    return re.sub(r"^[0-9]+ +(usb|input) ", r"ID \1 ", line)
+
+
+def picture() -> list[str]:
+    """What the README shows of a day."""
+    text = (ROOT / "README.md").read_text()
+    return re.findall("^    (.*)$", text[text.index("    -- "):text.index(" as expected\n") + 13],
+                      re.MULTILINE)
+
+
 class DayTest(unittest.TestCase):
     storage, keyboard, keyboard_input = day.BY_DEFAULT[:3]
 
     def test_the_whole_day_is_as_expected(self) -> None:
-        status, output = live(day.DAY)
+        status, output = whole_day()
         self.assertEqual((status, output.splitlines()[-1]), (0, "30 verdicts, 30 as expected"),
                          output)
+
+    def test_the_readme_shows_what_a_day_prints(self) -> None:
+        printed = {without_figures(line) for line in whole_day()[1].splitlines()}
+        shown = {without_figures(line) for line in picture()} - {"", "..."}
+        self.assertGreater(len(shown), 20)
+        self.assertEqual(shown - printed, set())
 
     def test_another_verdict_reason_or_kernel_state_is_no_success(self) -> None:
         with mock.patch.object(day, "KERNEL_TIMEOUT", 1):
