@@ -82,8 +82,10 @@ class Guide:
 
     def on_terminal(self, command: str) -> str:
         before = self._config.stat()
-        printed = self._run(command, POLICIES)
-        after = self._config.stat()
+        # While it is open, no other file can be given its inode.
+        with self._config.open():
+            printed = self._run(command, POLICIES)
+            after = self._config.stat()
         # A renamed file is another one, and goes unnoticed.
         if after.st_ino == before.st_ino and after.st_mtime_ns != before.st_mtime_ns:
             self._takeover()
@@ -147,6 +149,29 @@ class AdminGuideTest(unittest.TestCase):
         codes = {int(code) for code in restricted.group(1).split(",")}
         names = {name for name, code in rows if int(code, 0) not in codes}
         self.assertEqual(set(re.findall(r"^\| `(\w+)` \|", self.guide, re.MULTILINE)), names)
+
+    def test_its_codes_of_classes_are_the_parsers(self) -> None:
+        constants = (REPO / "android/kus/constants.h").read_text()
+        named = {name: int(code, 0)
+                 for name, code in re.findall(r'\{"(USB_CLASS_\w+)", (\w+)\}', constants)}
+        restricted = re.search(r"restrictedClasses = \{(.*?)\};", constants)
+        assert restricted is not None
+        codes = [int(code) for code in restricted.group(1).split(",")]
+        shown = re.findall(r"^\| `(USB_CLASS_\w+)` \| (\d+) \|", self.guide, re.MULTILINE)
+        self.assertEqual({name: int(code) for name, code in shown},
+                         {name: code for name, code in named.items() if code not in codes})
+        uncounted = re.findall(r"^\| (\d+) \|", self.guide, re.MULTILINE)
+        self.assertEqual(sorted(map(int, uncounted)), sorted(codes))
+
+    def test_a_vendors_own_hid_device_is_judged_as_a_usb_device(self) -> None:
+        vendors, screen = Usb("11ca:0220", "Payment Terminal", (3,)), DEVICES[0]
+        with Machine((vendors, screen)) as machine:
+            (machine.home / "policy.xml").write_text('<usbconfig mode="whitelist"/>')
+            result = machine.bash("kusctl explain policy.xml --present --json")
+        verdicts = {device["sysname"]: (device["kind"], device["verdict"])
+                    for device in json.loads(result.stdout)["devices"]}
+        self.assertEqual(verdicts, {"1-1": ("usb", "refused"), "1-2": ("usb", "input"),
+                                    "input2": ("input", "refused")})
 
     def test_it_tells_every_reason(self) -> None:
         service = (REPO / "android/kus/ku_service.cpp").read_text()

@@ -84,9 +84,7 @@ class Machine:
         for name, text in attributes.items():
             write(folder / name, text + "\n")
         for number, code in enumerate(device.classes):
-            interface = folder / f"1-{port}:1.{number}"
-            write(interface / "bInterfaceClass", f"{code:02x}\n")
-            write(interface / "authorized", "1\n")
+            self._add_interface(folder, f"1-{port}:1.{number}", number, code)
         link(folder / "subsystem", self._sys / "bus/usb")
         link(folder / "driver", self._sys / "bus/usb/drivers/usb")
         link(self._sys / f"bus/usb/devices/1-{port}", folder)
@@ -97,6 +95,15 @@ class Machine:
         hid.mkdir()
         if device.input is not None:
             self._add_input(port, hid, device, device.input)
+
+    def _add_interface(self, device: Path, name: str, number: int, code: int) -> None:
+        folder = device / name
+        attributes = {"bInterfaceClass": f"{code:02x}", "bInterfaceNumber": f"{number:02x}",
+                      "bInterfaceProtocol": "00", "bInterfaceSubClass": "00", "authorized": "1"}
+        for attribute, text in attributes.items():
+            write(folder / attribute, text + "\n")
+        link(folder / "subsystem", self._sys / "bus/usb")
+        link(self._sys / f"bus/usb/devices/{name}", folder)
 
     def _add_input(self, number: int, hid: Path, device: Usb, abilities: Input) -> None:
         vendor, product = device.ids.split(":")
