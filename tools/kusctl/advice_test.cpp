@@ -642,7 +642,9 @@ TEST(Advice, KnowsWhatPeopleCallAClass) {
         SCOPED_TRACE(written);
         const auto advice = adviceOnText(whitelistOf("<class>" + written + "</class>"));
         ASSERT_THAT(placesOf(advice), ElementsAre("3:1 bad-name"));
-        EXPECT_EQ("there is no class \"" + written + "\": write " + right, advice[0].text);
+        EXPECT_EQ(base::StringPrintf("there is no class \"%s\": write %s", written.c_str(),
+                                     right.c_str()),
+                  advice[0].text);
     }
 }
 

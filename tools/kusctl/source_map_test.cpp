@@ -16,7 +16,6 @@ namespace android::kus::tools {
 namespace {
 
 using ::testing::ElementsAreArray;
-using ::testing::IsEmpty;
 using tinyxml2::XMLElement;
 using tinyxml2::XMLNode;
 
