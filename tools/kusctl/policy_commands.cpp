@@ -178,6 +178,10 @@ const char* kindText(const AttachedDevice& device) {
     return device.kind == DeviceKind::kUsb ? "usb" : "input";
 }
 
+std::string classesOf(const AttachedDevice& device) {
+    return classNames(device.info.deviceClass, device.info.interfaceClasses);
+}
+
 JsonObject deviceObject(const AttachedDevice& device) {
     JsonObject object;
     if (!device.sysname.empty()) object.addText("sysname", device.sysname);
@@ -234,13 +238,14 @@ std::string whyText(const Explanation& explanation) {
 }
 
 void printTable(const Policy& policy, const std::vector<Judged>& all, const Style& style) {
-    Table table({"DEVICE", "KIND", "VERDICT", "LINE", "HEX", "DECIMAL", "NAME"});
+    Table table({"DEVICE", "KIND", "VERDICT", "LINE", "HEX", "DECIMAL", "CLASSES", "NAME"});
     for (const Judged& judged : all) {
         const AttachedDevice& device = judged.present.device;
         table.add({device.sysname, std::string(kindText(device)),
                    outcomeCell(judged.explanation.outcome), ruleLines(policy, judged.explanation),
                    hexIds(device.info.vendorId, device.info.productId),
-                   decimalIds(device.info.vendorId, device.info.productId), device.info.deviceName},
+                   decimalIds(device.info.vendorId, device.info.productId), classesOf(device),
+                   device.info.deviceName},
                   whyText(judged.explanation));
     }
     std::cout << table.text(style);
@@ -377,14 +382,15 @@ void printChangesObject(const Request& request, const std::vector<Judged>& befor
 }
 
 void printChanges(const std::vector<Change>& changed, size_t devices, const Style& style) {
-    Table table({"DEVICE", "KIND", "OLD", "NEW", "HEX", "DECIMAL", "NAME"});
+    Table table({"DEVICE", "KIND", "OLD", "NEW", "HEX", "DECIMAL", "CLASSES", "NAME"});
     for (const Change& change : changed) {
         const AttachedDevice& device = change.after.present.device;
         table.add({device.sysname, std::string(kindText(device)),
                    outcomeCell(change.before.explanation.outcome),
                    outcomeCell(change.after.explanation.outcome),
                    hexIds(device.info.vendorId, device.info.productId),
-                   decimalIds(device.info.vendorId, device.info.productId), device.info.deviceName},
+                   decimalIds(device.info.vendorId, device.info.productId), classesOf(device),
+                   device.info.deviceName},
                   whyText(change.after.explanation));
     }
     if (!changed.empty()) std::cout << table.text(style);

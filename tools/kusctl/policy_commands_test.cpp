@@ -261,18 +261,22 @@ TEST_F(PolicyCommands, ExplainTellsOfInputSources) {
 TEST_F(PolicyCommands, ExplainTellsOfWhatIsAttached) {
     attachDevices();
     expectRun({"explain", kWhite, "--present"}, 1,
-              "DEVICE  KIND   VERDICT   LINE  HEX        DECIMAL     NAME\n"
-              "1-1     usb    allowed   2     46f4:0001  18164:1     USB Stick\n"
+              "DEVICE  KIND   VERDICT   LINE  HEX        DECIMAL     CLASSES                 NAME\n"
+              "1-1     usb    allowed   2     46f4:0001  18164:1     USB_CLASS_MASS_STORAGE  USB "
+              "Stick\n"
               "    Whitelisted: Match by ClassName, CLASS : USB_CLASS_MASS_STORAGE\n"
-              "1-2     usb    to input  -     0627:0001  1575:1      Keyboard\n"
+              "1-2     usb    to input  -     0627:0001  1575:1      USB_CLASS_HID           "
+              "Keyboard\n"
               "    HID interfaces alone: only its input devices are judged\n"
-              "1-3     usb    allowed   4     0403:6001  1027:24577  Cable "
+              "1-3     usb    allowed   4     0403:6001  1027:24577  USB_CLASS_VENDOR_SPEC   Cable "
               "\xef\xbf\xbd[31m\xef\xbf\xbd"
               "\n"
               "    Whitelisted: Match by VID_PID combination, VID : 1027 PID: 24577\n"
-              "1-4     usb    refused   -     05e0:1200  1504:4608   05e0:1200\n"
+              "1-4     usb    refused   -     05e0:1200  1504:4608   USB_CLASS_HID           "
+              "05e0:1200\n"
               "    No matching rule found to Whitelist the device\n"
-              "input5  input  allowed   3     0627:0001  1575:1      Keyboard\n"
+              "input5  input  allowed   3     0627:0001  1575:1      AINPUT_SOURCE_KEYBOARD  "
+              "Keyboard\n"
               "    Whitelisted: Match by ClassName, CLASS : AINPUT_SOURCE_KEYBOARD\n");
 }
 
@@ -318,10 +322,12 @@ TEST_F(PolicyCommands, DiffTellsWhoseVerdictChanges) {
     EXPECT_EQ(1, result.status);
     EXPECT_EQ("", result.err);
     EXPECT_EQ(
-            "DEVICE  KIND  OLD      NEW      HEX        DECIMAL    NAME\n"
-            "1-1     usb   allowed  refused  46f4:0001  18164:1    USB Stick\n"
+            "DEVICE  KIND  OLD      NEW      HEX        DECIMAL    CLASSES                 NAME\n"
+            "1-1     usb   allowed  refused  46f4:0001  18164:1    USB_CLASS_MASS_STORAGE  USB "
+            "Stick\n"
             "    Blacklisted: Match by ClassName, CLASS : USB_CLASS_MASS_STORAGE\n"
-            "1-4     usb   refused  allowed  05e0:1200  1504:4608  05e0:1200\n"
+            "1-4     usb   refused  allowed  05e0:1200  1504:4608  USB_CLASS_HID           "
+            "05e0:1200\n"
             "    No matching rule found to Blacklist the device\n"
             "2 of 5 devices change their verdict\n",
             result.out);
