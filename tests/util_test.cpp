@@ -274,6 +274,43 @@ TEST_F(CreateMapFromConfig, ClearsTheOutcomeBeforeItReadsTheFirstRule) {
     EXPECT_TRUE(xml_parse_status);
 }
 
+TEST_F(CreateMapFromConfig, KnowsTheErrorWhenItLogsIt) {
+    const std::vector<std::string> documents = {
+            "<config/>",
+            "<usbconfig/>",
+            "<usbconfig mode=\"x\"/>",
+            whitelist("<class/>"),
+            whitelist("<class>x</class>"),
+            whitelist("<vid/>"),
+            whitelist("<vid vendorid=\"\"/>"),
+            whitelist("<vid vendorid=\"x\"/>"),
+            whitelist("<vid vendorid=\"1\"><pid/></vid>"),
+            whitelist("<vid vendorid=\"1\"><pid>x</pid></vid>"),
+            whitelist("<foo/>"),
+    };
+    for (const std::string& document : documents) {
+        SCOPED_TRACE(document);
+        std::vector<std::string> seen;
+        WriteFile(kConfigFile, document);
+        errorMessage = "INVALID TAG:earlier";
+        xml_parse_status = true;
+        android::base::SetLogger([&seen](android::base::LogId, android::base::LogSeverity severity,
+                                         const char*, const char*, unsigned int,
+                                         const char* message) {
+            if (severity != android::base::ERROR) return;
+            EXPECT_FALSE(xml_parse_status);
+            seen.push_back(std::string(message).find(errorMessage) == std::string::npos
+                                   ? message
+                                   : errorMessage);
+        });
+
+        Util::createMapFromConfig(kConfigFile);
+
+        EXPECT_THAT(seen, ElementsAre(errorMessage));
+        EXPECT_NE("INVALID TAG:earlier", errorMessage);
+    }
+}
+
 // --- Loading ---
 
 TEST_F(CreateMapFromConfig, ReportsADocumentThatCannotBeLoaded) {

@@ -53,12 +53,12 @@ bool fail(const XMLElement& element, const std::string& text, Config* config) {
 
 bool failRule(const XMLElement& element, const char* logText, const std::string& text,
               Config* config) {
-    LOG(ERROR) << logText << text;
+    config->logInFront = logText;
     return fail(element, text, config);
 }
 
 bool readClass(const XMLElement& element, Config* config) {
-    constexpr char kLogText[] = "error in class val= ";
+    constexpr const char* kLogText = "error in class val= ";
     const char* text = element.GetText();
     if (text == nullptr) return failRule(element, kLogText, "EMPTY CLASS VALUE", config);
     const std::string name = text;
@@ -83,7 +83,7 @@ int32_t numberOf(const std::string& digits) {
 }
 
 bool readProduct(const std::string& vendorId, const XMLElement& element, Config* config) {
-    constexpr char kLogText[] = "error in pid val= ";
+    constexpr const char* kLogText = "error in pid val= ";
     const char* text = element.GetText();
     if (text == nullptr) return failRule(element, kLogText, "EMPTY PRODUCT ID VALUE", config);
     const std::string productId = text;
@@ -308,6 +308,7 @@ void Util::createMapFromConfig(const std::string& path) {
     Config config = loadConfig(path);
     if (config.outcome == Config::Outcome::kBadFile) errorMessage = config.error;
     xml_parse_status = config.whole();
+    if (config.logInFront != nullptr) LOG(ERROR) << config.logInFront << errorMessage;
     const std::optional<std::string> status = statusOf(config);
     const char* const logBehind = config.logBehind;
     // Before the status: whoever has read that finds what it tells of in force.

@@ -80,7 +80,9 @@ struct Config {
     std::string error;
     /** The bad file's element that has the error; the document's, and no longer there than that. */
     const tinyxml2::XMLElement* failedAt = nullptr;
-    /** Goes into the log behind the status, with the error: of two failures, meant. */
+    /** Goes into the log with the error, in front of the status: of most failures. */
+    const char* logInFront = nullptr;
+    /** The same behind the status: of two failures, meant. */
     const char* logBehind = nullptr;
 };
 
