@@ -41,8 +41,18 @@ std::string array(const std::vector<Value>& values, Text text) {
 }  // namespace
 
 std::string jsonQuote(std::string_view text) {
+    const std::string valid = toValidUtf8(text);
     std::string quoted = "\"";
-    for (const char c : toValidUtf8(text)) quoted += escaped(c);
+    for (size_t i = 0; i < valid.size(); i++) {
+        // U+0080 to U+009F: controls as well, and two bytes each.
+        const auto second = static_cast<unsigned char>(i + 1 < valid.size() ? valid[i + 1] : 0);
+        if (valid[i] == '\xc2' && second < 0xa0) {
+            quoted += android::base::StringPrintf("\\u%04x", second);
+            i++;
+        } else {
+            quoted += escaped(valid[i]);
+        }
+    }
     return quoted + '"';
 }
 

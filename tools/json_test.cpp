@@ -20,6 +20,8 @@ TEST(JsonQuote, QuotesAndBackslashesAreEscaped) {
 TEST(JsonQuote, EveryControlCharacterIsEscaped) {
     EXPECT_EQ(R"("\n\t\u000d\u0001\u001f\u007f ")", jsonQuote("\n\t\r\x01\x1f\x7f "));
     EXPECT_EQ(R"("a\u0000b")", jsonQuote(std::string_view("a\0b", 3)));
+    EXPECT_EQ("\"\\u0080 \\u009b2J \xc2\xa0\"", jsonQuote("\xc2\x80 \xc2\x9b"
+                                                          "2J \xc2\xa0"));
 }
 
 TEST(JsonQuote, InvalidUtf8IsReplacedAndValidUtf8Kept) {

@@ -23,8 +23,9 @@ inline base::unexpected<std::string> wrong(std::string text) {
 }
 
 /**
- * A command line of "--name", "--name VALUE" or "--name=VALUE", and plain words, in any order. A word behind "--" is
- * plain whatever it looks like; so is one that begins with a single '-', a negative number.
+ * A command line of "--name", "--name VALUE" or "--name=VALUE", and plain words, in any order. A
+ * word behind "--" is plain whatever it looks like; so is one that begins with a single '-', a
+ * negative number.
  */
 class Options {
   public:
