@@ -297,7 +297,8 @@ void adviseOnAttributes(const XMLElement& element, std::string_view known,
     for (const XMLAttribute* attribute = element.FirstAttribute(); attribute != nullptr;
          attribute = attribute->Next()) {
         const std::string name = attribute->Name();
-        if (name == known || StartsWith(name, "xml")) continue;
+        // Namespaces, and where an editor finds the schema.
+        if (name == known || StartsWith(name, "xml") || StartsWith(name, "xsi:")) continue;
         if (!known.empty() && base::EqualsIgnoreCase(name, known)) {
             adviser->add("not-read", element,
                          "attribute " + quoted(name) + " is not read: write " + std::string(known));
@@ -562,18 +563,18 @@ void readMeant(const XMLNode& comment, std::set<std::string>* ids, Adviser* advi
     if (!StartsWith(text, kMark)) return;
     std::vector<std::string> words = base::Split(text.substr(strlen(kMark)), " ,\t\r\n");
     words.erase(std::remove(words.begin(), words.end(), ""), words.end());
-    const Position position = adviser->policy().source().firstOn(comment.GetLineNum());
+    const auto advise = [&](const std::string& text) {
+        adviser->addAt("bad-meant", adviser->policy().source().firstOn(comment.GetLineNum()), text);
+    };
     if (words.size() < 2 || words[0] != "meant") {
-        adviser->addAt("bad-meant", position,
-                       "this comment is not understood: write \"kusctl: meant ID\"");
+        advise("this comment is not understood: write \"kusctl: meant ID\"");
         return;
     }
     for (size_t i = 1; i < words.size(); ++i) {
         const bool known = std::any_of(kIds.begin(), kIds.end(),
                                        [&](const AdviceId& each) { return each.id == words[i]; });
         if (!known) {
-            adviser->addAt("bad-meant", position,
-                           "there is no advice " + quoted(words[i]) + ": kusctl(1) lists the ids");
+            advise("there is no advice " + quoted(words[i]) + ": kusctl(1) lists the ids");
         }
         ids->insert(words[i]);
     }

@@ -24,7 +24,8 @@ using By = Verdict::By;
 namespace {
 
 std::string codeText(int32_t code) {
-    return StringPrintf("%s (%d)", className(code).c_str(), code);
+    const bool named = Util::getClassName(code) != " ";
+    return named ? StringPrintf("%s (%d)", className(code).c_str(), code) : className(code);
 }
 
 // What the class test looks at, each code once.

@@ -195,7 +195,9 @@ Parsed<std::string> generatePolicy(const std::vector<PresentDevice>& devices,
     const std::string unlisted = unlistedText(devices);
     if (mode == "blacklist") return blacklist(rules, unlisted);
     if (rules.empty()) {
-        return wrong("no USB device is attached: attach what may be used, then run it again");
+        return wrong(
+                "nothing is attached that a rule could name: attach what may be used, then run "
+                "it again");
     }
     return whitelist(rules, unlisted);
 }

@@ -219,8 +219,10 @@ TEST(Generate, WantsADeviceForAWhitelist) {
              {std::vector<PresentDevice>(), {screened(usb("3-2", "Keyboard", 5, 6, {3}))}}) {
             const auto policy = generatePolicy(devices, "whitelist", by);
             ASSERT_FALSE(policy.has_value());
-            EXPECT_EQ("no USB device is attached: attach what may be used, then run it again",
-                      policy.error());
+            EXPECT_EQ(
+                    "nothing is attached that a rule could name: attach what may be used, then run "
+                    "it again",
+                    policy.error());
         }
     }
 }

@@ -4,6 +4,7 @@
 // kusctl: looks after kusd and its policy files by hand.
 
 #include <signal.h>
+#include <unistd.h>
 
 #include <iostream>
 #include <string>
@@ -22,7 +23,10 @@ namespace {
 // The daemon's code logs each of its steps.
 void keepQuiet(base::LogId /*id*/, base::LogSeverity severity, const char* /*tag*/,
                const char* /*file*/, unsigned int /*line*/, const char* message) {
-    if (severity >= base::FATAL_WITHOUT_ABORT) complain(kUnreadable, message);
+    if (severity < base::FATAL_WITHOUT_ABORT) return;
+    complain(kUnreadable, message);
+    // What it cannot do is its end, and no crash.
+    if (severity == base::FATAL) _exit(kUnreadable);
 }
 
 ExitStatus run(const Request& request) {

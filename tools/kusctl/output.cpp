@@ -29,8 +29,8 @@ struct Range {
 };
 
 // C0, DEL and C1; line and paragraph separators with what turns the direction of writing.
-constexpr Range kUnprintable[] = {
-        {0x00, 0x1f}, {0x7f, 0x9f}, {0x200e, 0x200f}, {0x2028, 0x202e}, {0x2066, 0x2069}};
+constexpr Range kUnprintable[] = {{0x00, 0x1f},     {0x7f, 0x9f},     {0x61c, 0x61c},
+                                  {0x200e, 0x200f}, {0x2028, 0x202e}, {0x2066, 0x2069}};
 
 bool isUnprintable(uint32_t codePoint) {
     return std::any_of(std::begin(kUnprintable), std::end(kUnprintable), [=](const Range& range) {

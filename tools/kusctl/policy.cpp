@@ -53,7 +53,11 @@ int signalOfParser(const ConfigDocument& document) {
     if (TEMP_FAILURE_RETRY(waitpid(child, &status, 0)) != child) {
         PLOG(FATAL) << "Cannot wait for a process";
     }
-    return WIFSIGNALED(status) ? WTERMSIG(status) : 0;
+    const int ended = WIFSIGNALED(status) ? WTERMSIG(status) : 0;
+    if (ended != 0 && ended != SIGSEGV && ended != SIGABRT) {
+        LOG(FATAL) << "The parser could not be tried: its process was ended by signal " << ended;
+    }
+    return ended;
 }
 
 const std::string& readInto(const std::string& text, ConfigDocument* document) {

@@ -32,7 +32,7 @@ using PolicyPtr = std::unique_ptr<Policy>;
 namespace {
 
 std::string placeText(const std::string& path, const Position& position) {
-    return StringPrintf("%s:%d:%d", path.c_str(), position.line, position.column);
+    return StringPrintf("%s:%d:%d", printable(path).c_str(), position.line, position.column);
 }
 
 JsonObject& addPlace(JsonObject* object, const Position& position) {
@@ -104,7 +104,7 @@ JsonObject checkObject(const Policy& policy, const std::vector<Advice>& advice) 
 
 void printCheck(const Policy& policy, const std::vector<Advice>& advice, const Style& style) {
     if (policy.accepted()) {
-        std::cout << policy.path() << ": " << paint(style, Colour::kGood, "ok") << ": "
+        std::cout << printable(policy.path()) << ": " << paint(style, Colour::kGood, "ok") << ": "
                   << summary(policy) << "\n";
     } else {
         std::cout << placeText(policy.path(), policy.errorPosition()) << ": "
@@ -147,6 +147,11 @@ PolicyPtr loadAccepted(const std::string& path) {
     return nullptr;
 }
 
+constexpr char kAssumed[] =
+        "blocked: taken for a vendor's own HID device; a keyboard that has never been allowed "
+        "looks "
+        "the same";
+
 struct Judged {
     PresentDevice present;
     Explanation explanation;
@@ -158,6 +163,7 @@ std::vector<Judged> judgeAll(const Policy& policy, const std::vector<PresentDevi
     all.reserve(devices.size());
     for (const PresentDevice& present : devices) {
         all.push_back({present, explain(policy, present.device.info, present.leftToInput)});
+        if (present.assumedVendorHid) all.back().explanation.tests[0].text = kAssumed;
     }
     return all;
 }
@@ -237,6 +243,11 @@ std::string whyText(const Explanation& explanation) {
                                       : base::Trim(explanation.reason);
 }
 
+std::string noteOn(const Judged& judged) {
+    const std::string why = whyText(judged.explanation);
+    return judged.present.assumedVendorHid ? why + " (" + kAssumed + ")" : why;
+}
+
 void printTable(const Policy& policy, const std::vector<Judged>& all, const Style& style) {
     Table table({"DEVICE", "KIND", "VERDICT", "LINE", "HEX", "DECIMAL", "CLASSES", "NAME"});
     for (const Judged& judged : all) {
@@ -246,7 +257,7 @@ void printTable(const Policy& policy, const std::vector<Judged>& all, const Styl
                    hexIds(device.info.vendorId, device.info.productId),
                    decimalIds(device.info.vendorId, device.info.productId), classesOf(device),
                    device.info.deviceName},
-                  whyText(judged.explanation));
+                  noteOn(judged));
     }
     std::cout << table.text(style);
 }
@@ -391,7 +402,7 @@ void printChanges(const std::vector<Change>& changed, size_t devices, const Styl
                    hexIds(device.info.vendorId, device.info.productId),
                    decimalIds(device.info.vendorId, device.info.productId), classesOf(device),
                    device.info.deviceName},
-                  whyText(change.after.explanation));
+                  noteOn(change.after));
     }
     if (!changed.empty()) std::cout << table.text(style);
     std::cout << changed.size() << " of " << devices << " devices change their verdict\n";

@@ -280,6 +280,29 @@ TEST_F(PolicyCommands, ExplainTellsOfWhatIsAttached) {
               "    Whitelisted: Match by ClassName, CLASS : AINPUT_SOURCE_KEYBOARD\n");
 }
 
+// A vendor's own that was refused, and a keyboard that nobody has opened yet, look the same.
+TEST_F(PolicyCommands, ExplainTellsThatABlockedDeviceIsTakenForAVendorsOwn) {
+    attachDevices();
+    WriteFile("/sys/bus/usb/devices/1-4:1.0/authorized", "0\n");
+    EXPECT_THAT(
+            run({"explain", kWhite, "--present"}).out,
+            HasSubstr("1-4     usb    refused   -     05e0:1200  1504:4608   USB_CLASS_HID     "
+                      "      05e0:1200\n"
+                      "    No matching rule found to Whitelist the device (blocked: taken for a "
+                      "vendor's own HID device; a keyboard that has never been allowed looks the "
+                      "same)\n"));
+    EXPECT_THAT(run({"explain", kWhite, "--present", "--json"}).out,
+                HasSubstr("\"text\":\"blocked: taken for a vendor's own HID device; "));
+}
+
+TEST_F(PolicyCommands, PathCannotSteerTheTerminal) {
+    WriteFile("/tmp/a\x1b[31m.xml", "<usbconfig mode=\"default\"/>");
+    expectRun({"check", "/tmp/a\x1b[31m.xml"}, 0,
+              "/tmp/a\xef\xbf\xbd[31m.xml: ok: default: everything is allowed\n");
+    WriteFile("/tmp/b\x1b[31m.xml", "<usbconfig mode=\"x\"/>");
+    EXPECT_EQ(std::string::npos, run({"check", "/tmp/b\x1b[31m.xml"}).out.find('\x1b'));
+}
+
 TEST_F(PolicyCommands, ExplainTellsThatNothingIsAttached) {
     MakeDir("/sys/bus/usb/devices");
     expectRun({"explain", kWhite, "--present"}, 0, "no USB device is attached\n");
@@ -310,7 +333,8 @@ TEST_F(PolicyCommands, GenerateWritesOneObject) {
               "attached when this was made. Nothing is refused yet: take the comment\\n       "
               "marks away from the rules that should refuse. -->\\n</usbconfig>\\n\"}\n");
     expectRun({"generate"}, 4, "",
-              "kusctl: no USB device is attached: attach what may be used, then run it again\n");
+              "kusctl: nothing is attached that a rule could name: attach what may be used, then "
+              "run it again\n");
 }
 
 // --- diff ----------------------------------------------------------------------------------------

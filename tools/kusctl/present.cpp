@@ -49,13 +49,16 @@ class Silence {
     const unique_fd errors_{fcntl(STDERR_FILENO, F_DUPFD_CLOEXEC, 0)};
 };
 
-bool isLeftToInput(const AttachedDevice& device) {
-    if (device.kind != DeviceKind::kUsb) return false;
-    // The daemon blocks no device of the input side's: this one was refused as a vendor's own, and
-    // has lost the driver by which the screening would know it. New rules make it come again.
-    if (isBlocked(device.path)) return false;
-    const AutoMutex lock(UsbDevice::mapLock);
-    return !KUsbService::passesHidScreening(device.info);
+PresentDevice screened(AttachedDevice device) {
+    PresentDevice present;
+    if (device.kind == DeviceKind::kUsb) {
+        present.assumedVendorHid = KUsbService::isHidAlone(device.info) && isBlocked(device.path);
+        const AutoMutex lock(UsbDevice::mapLock);
+        present.leftToInput =
+                !present.assumedVendorHid && !KUsbService::passesHidScreening(device.info);
+    }
+    present.device = std::move(device);
+    return present;
 }
 
 }  // namespace
@@ -69,9 +72,7 @@ Parsed<std::vector<PresentDevice>> presentDevices() {
     for (const DeviceKind kind : {DeviceKind::kUsb, DeviceKind::kInput}) {
         for (const std::string& dir : deviceDirectories(kind, kSysfs)) {
             std::optional<AttachedDevice> device = readDevice(kind, dir);
-            if (!device) continue;
-            const bool leftToInput = isLeftToInput(*device);
-            devices.push_back({std::move(*device), leftToInput});
+            if (device) devices.push_back(screened(std::move(*device)));
         }
     }
     return devices;

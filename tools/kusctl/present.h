@@ -15,6 +15,12 @@ struct PresentDevice {
     AttachedDevice device;
     /** A USB device that the daemon leaves to the input side. */
     bool leftToInput = false;
+    /**
+     * A USB device of HID interfaces alone that is blocked. It was refused as a vendor's own, most
+     * likely, and has lost the driver by which the daemon would know; but where interfaces come
+     * blocked (kus-hotplug --closed), a keyboard that nobody has opened looks the same.
+     */
+    bool assumedVendorHid = false;
 };
 
 /**

@@ -30,10 +30,10 @@ size_t behindSpace(std::string_view source, size_t offset) {
     return std::min(source.find_first_not_of(kSpace, offset), source.size());
 }
 
-// Where the library begins: it passes over one mark, and blanks in front of that.
+// Where the library begins: behind blanks, and one mark that follows them.
 size_t behindMark(std::string_view source) {
     const size_t mark = behindSpace(source, 0);
-    return startsAt(source, mark, kByteOrderMark) ? mark + kByteOrderMark.size() : 0;
+    return startsAt(source, mark, kByteOrderMark) ? mark + kByteOrderMark.size() : mark;
 }
 
 // Where the text begins that is the value of the document's first node.

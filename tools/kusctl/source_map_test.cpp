@@ -156,6 +156,8 @@ TEST(SourceMap, CountsLinesAndColumnsAsEditorsDo) {
              "<a>\r\n  <b/>\r\n<c/>\r\n</a>\r\n",
              {"a 1:1", "b 2:3", "c 3:1"}},
             {"line feeds in front", "\n\n  <a/>", {"a 3:3"}},
+            {"blanks and text in front", "\n\n  x <a/>\n<b/>", {"a 3:5", "b 4:1"}},
+            {"blanks, a mark and text", " \xef\xbb\xbf  x <a/>", {"a 1:9"}},
             {"line feed in a comment", "<!--\n\n--><a/>", {"a 3:4"}},
     });
 }

@@ -59,11 +59,17 @@ const std::string kCheckYours =
         "correct it (kusctl check FILE tells what is wrong) and write it again";
 const std::string kWriteAgain = "write it again in place, without renaming";
 
+// The service found none when it started; otherwise the file has gone since.
+bool wasNeverThere(const PolicyStatus& status) {
+    return status.outcome == Outcome::kNone ||
+           status.text.find("XML_ERROR_FILE_NOT_FOUND") != std::string::npos;
+}
+
 std::string aboutMissingFile(const PolicyStatus& status) {
-    const std::string why = status.taken()
-                                    ? "the file is gone: its rules are in force until the next "
-                                      "start of the service, and from then on"
-                                    : "there is no file:";
+    const std::string why = wasNeverThere(status)
+                                    ? "there is no file:"
+                                    : "the file is gone: the rules in force stay until the next "
+                                      "start of the service, and from then on";
     return why + " every device is allowed: write " + configFilePath;
 }
 

@@ -140,9 +140,16 @@ const Case kTroubles[] = {
          Outcome::kTaken,
          false,
          "taken over (SUCCESS)\n",
-         "the file is gone: its rules are in force until the next start of the service, and from "
+         "the file is gone: the rules in force stay until the next start of the service, and from "
          "then on every device is allowed: write "
          "/data/system/usbdeviceconfig/usb_device_config.xml"},
+        {"file gone behind a bad one",
+         files("INVALID MODE", nullptr),
+         {},
+         Outcome::kRejected,
+         false,
+         "rejected: INVALID MODE\n",
+         "the file is gone: the rules in force stay until the next start of the service"},
         {"no file at the start",
          files("Error=XML_ERROR_FILE_NOT_FOUND", nullptr, nullptr),
          {},
