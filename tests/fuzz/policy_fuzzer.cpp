@@ -6,7 +6,6 @@
 
 #include <stddef.h>
 #include <stdint.h>
-#include <string.h>
 
 #include <algorithm>
 #include <functional>
@@ -45,7 +44,6 @@ class Text {
   public:
     explicit Text(std::string content) : content_(std::move(content)) {
         if (StartsWith(content_, "\xef\xbb\xbf")) content_.erase(0, 3);
-        content_.resize(strlen(content_.c_str()));
         lines_.push_back(0);
         for (size_t at = 0; at < content_.size(); ++at) {
             if (content_[at] == '\n') lines_.push_back(at + 1);

@@ -61,9 +61,9 @@ def reported(text: str) -> str:
 
 
 def copied(source: str, target: str, content: bytes) -> list[str]:
-    """What the copy of a file logs, its lines among it."""
-    return [f" USB xml src path is {source}", f"USB xml dest path is {target}",
-            *content.decode().removesuffix("\n").split("\n"), COPIED]
+    """What the copy of a file logs, its lines among it: none, when it was caught empty."""
+    lines = content.decode().removesuffix("\n").split("\n") if content else []
+    return [f" USB xml src path is {source}", f"USB xml dest path is {target}", *lines, COPIED]
 
 
 def flipped(*nodes: str) -> list[str]:
